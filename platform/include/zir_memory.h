@@ -1,0 +1,40 @@
+/*
+ * Memory handles and partitions.
+ *
+ * A handle says who allocates, a partition where from. Every block is aligned to 16 bytes and
+ * counted in its partition. Partitions 0 to 255 exist from the start. Any thread, concurrently.
+ */
+#ifndef ZIR_MEMORY_H
+#define ZIR_MEMORY_H
+
+#include "qor_types.h"
+
+QOR_BEGIN_C
+
+/* A handle for `name`; the same name gets the same handle. 0, or 1: null argument, no handle left. */
+QOR_API u32 ZIR_HandleInitialize(const char *name, u32 *handle);
+
+/* `size` bytes, not cleared. Null: unknown handle, size 0, the partition's limit, no memory. */
+QOR_API void *ZIR_MemAlloc(u32 handle, u8 partition, u64 size);
+
+/* 0, or 1 for null, an unknown handle, or an address that is not the start of a live block. */
+QOR_API u32 ZIR_MemFree(u32 handle, void *block);
+
+/* As memcmp; two null or zero-sized areas are equal, one null area is less. */
+QOR_API int ZIR_MemCmp(const void *a, const void *b, u64 size);
+
+typedef struct {
+    u64 liveBlocks;
+    u64 liveBytes;  /* as asked for by the callers */
+    u64 limitBytes; /* 0: no limit */
+} ZIR_PartitionStat;
+
+/* What is live now in a partition; exact when no thread is allocating or freeing. */
+QOR_API void ZIR_PartitionGetStat(u8 partition, ZIR_PartitionStat *stat);
+
+/* Bounds the live bytes of a partition; 0 lifts the limit. Meant for set-up, before use. */
+QOR_API void ZIR_PartitionSetLimit(u8 partition, u64 limitBytes);
+
+QOR_END_C
+
+#endif
