@@ -1,0 +1,76 @@
+/*
+ * The six services of component 1000 as fakes, registered with the platform's component registry.
+ *
+ * They work by default; a test states only what differs, before it starts the module:
+ *
+ *     services::Get().missing = {L2RES_IID_TIME};       no such interface
+ *     services::Get().log.objFree = nullptr;            a table without that operation
+ *     services::Get().result["send"] = 7;               an operation's result
+ *     services::Get().results["addPara"] = {0, 5};      results of its first calls, then 0
+ *     ASSERT_EQ(services::StartModule(), 0u);
+ *
+ * Operations are written to the journal with their arguments:
+ *     kLog, kBlackBox   see journal.h
+ *     kService          "initPartition 45000 l2rsm", "getPartitionNumber 45000 l2rsm",
+ *                       "getSelfSlot", "dbg register QOR_L2RES",
+ *                       "bbox register qor-l2rsm Forward manage l2res module"
+ *     kAlarm            "getSysTime", "objCreate 5 157163554", "setAlarmComAttr H kind 1/255 time 2
+ *                       code 581", "addPara H 25 6 slot 3", "addPara H 6 4 4096", "send H",
+ *                       "objFree H"; H is the object's number, from 1 on. The zero fields of the
+ *                       attribute record and the time record it points to are checked here.
+ * Everything may be called from several threads at once; change settings only while none calls.
+ */
+#ifndef TESTS_SUPPORT_SERVICES_H
+#define TESTS_SUPPORT_SERVICES_H
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "l2rsm_services.h"
+
+namespace services {
+
+struct Fakes {
+    L2ResMemmVtbl memm;
+    L2ResTimeVtbl time;
+    L2ResLogVtbl log;
+    L2ResOrchmVtbl orchm;
+    L2ResDbgLogVtbl dbgLog;
+    L2ResBlackBoxVtbl blackBox;
+
+    std::set<u32> missing;                           /* interface ids that cannot be obtained */
+    std::map<std::string, u32> result;               /* by operation; 0 when not stated */
+    std::map<std::string, std::vector<u32>> results; /* consumed call by call before `result` */
+    u32 partition = 7;                               /* what getPartitionNumber returns */
+    u32 slot = 3;                                    /* what getSelfSlot returns */
+    u32 dbgId = 0x11;                                /* ids given at registration */
+    u32 blackBoxId = 0x22;
+
+    /* Called inside each alarm operation with its name, after the journal entry; may call the module. */
+    std::function<void(const std::string &operation)> during;
+
+    std::set<u32> seenDbgIds; /* ids that messages came with */
+    std::set<u32> seenBlackBoxIds;
+};
+
+Fakes &Get();
+
+/* Registers component 1000. Once per process; StartModule does it itself. */
+void Register();
+
+/* Registers component 1000 if need be, runs phase 1 with the arguments 11 and 22 and returns its
+   result. Leaves the journal as phase 1 filled it. */
+u32 StartModule();
+
+/* StartModule with everything working, and an empty journal afterwards. */
+void StartWorkingModule();
+
+/* A description record of the platform's patch mechanism that names a library. */
+std::vector<char> PatchRecord(const std::string &library);
+
+} // namespace services
+
+#endif
