@@ -1,0 +1,518 @@
+#include "support/faults.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <link.h>
+#include <sys/epoll.h>
+
+#include <array>
+#include <atomic>
+#include <climits>
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <type_traits>
+
+#include "bounded.h"
+#include "comp_registry.h"
+#include "frame/worker.h"
+#include "hash_table.h"
+#include "support/journal.h"
+#include "zir_memory.h"
+#include "zir_mutex.h"
+
+namespace faults {
+namespace {
+
+constexpr auto kOps = static_cast<size_t>(Op::kCount);
+
+constexpr size_t Index(Op op)
+{
+    return static_cast<size_t>(op);
+}
+
+struct Plan {
+    unsigned skip = 0;  /* calls to let pass before the failing ones */
+    unsigned times = 0; /* calls left to fail */
+    std::optional<long long> result;
+};
+
+/* All but the counters is guarded by g_mutex; g_active says without it that there is something. */
+std::array<std::atomic<unsigned long>, kOps> g_calls;
+std::atomic<bool> g_active{false};
+std::mutex g_mutex;
+std::array<Plan, kOps> g_plans;
+Plan g_overall;
+std::set<Op> g_overallOps;
+std::set<Op> g_recorded;
+std::shared_ptr<const std::function<void(Op)>> g_observer;
+unsigned g_failed = 0;
+
+thread_local unsigned t_inside = 0; /* within a forwarded call or an observer */
+
+/* The platform library in memory: its own calls are none of ours. */
+struct Range {
+    uintptr_t begin = 0, end = 0;
+};
+
+int FindObject(dl_phdr_info *info, size_t, void *argument)
+{
+    auto *range = static_cast<Range *>(argument);
+    for (int i = 0; i < info->dlpi_phnum; ++i) {
+        const auto &segment = info->dlpi_phdr[i];
+        const uintptr_t begin = info->dlpi_addr + segment.p_vaddr;
+        if (segment.p_type == PT_LOAD && begin <= range->begin &&
+            range->begin < begin + segment.p_memsz) {
+            *range = {begin, begin + segment.p_memsz};
+            return 1;
+        }
+    }
+    return 0;
+}
+
+Range FindPlatform()
+{
+    Range range{reinterpret_cast<uintptr_t>(dlsym(RTLD_NEXT, "ZIR_MemAlloc")), 0};
+    dl_iterate_phdr(FindObject, &range);
+    return range;
+}
+
+bool IsPlatform(const void *caller)
+{
+    static const Range range = FindPlatform();
+    const auto address = reinterpret_cast<uintptr_t>(caller);
+    return address >= range.begin && address < range.end;
+}
+
+bool Take(Plan &plan)
+{
+    if (plan.times == 0) {
+        return false;
+    }
+    if (plan.skip > 0) {
+        --plan.skip;
+        return false;
+    }
+    --plan.times;
+    return true;
+}
+
+/* One call passing through. */
+class Point {
+public:
+    Point(Op op, const void *caller)
+    {
+        if (t_inside == 0 && !IsPlatform(caller)) {
+            g_calls[Index(op)].fetch_add(1, std::memory_order_relaxed);
+            if (g_active.load(std::memory_order_relaxed)) {
+                Consult(op);
+            }
+        }
+        // The dispatcher calls back into the module, whose calls are to be seen.
+        nested_ = op != Op::QOR_Epoll_EvtProc;
+        t_inside += nested_;
+    }
+    ~Point()
+    {
+        t_inside -= nested_;
+    }
+    Point(const Point &) = delete;
+    Point &operator=(const Point &) = delete;
+
+    bool fails() const
+    {
+        return fails_;
+    }
+
+    template <class R> R result(R own) const
+    {
+        if (!result_) {
+            return own;
+        }
+        if constexpr (std::is_pointer_v<R>) {
+            return reinterpret_cast<R>(*result_);
+        } else {
+            return static_cast<R>(*result_);
+        }
+    }
+
+private:
+    void Consult(Op op)
+    {
+        std::shared_ptr<const std::function<void(Op)>> observer;
+        {
+            std::lock_guard lock(g_mutex);
+            observer = g_observer;
+            if (g_recorded.count(op) != 0) {
+                journal::Write(journal::kCall, Name(op));
+            }
+        }
+        if (observer != nullptr) {
+            ++t_inside;
+            (*observer)(op);
+            --t_inside;
+        }
+        std::lock_guard lock(g_mutex);
+        Plan &plan = g_plans[Index(op)];
+        if (Take(plan)) {
+            result_ = plan.result;
+            fails_ = true;
+        } else if (g_overallOps.count(op) != 0 && Take(g_overall)) {
+            fails_ = true;
+        }
+        g_failed += fails_;
+    }
+
+    bool nested_ = false;
+    bool fails_ = false;
+    std::optional<long long> result_;
+};
+
+template <class Function> Function *Next(const char *name)
+{
+    void *address = dlsym(RTLD_NEXT, name);
+    if (address == nullptr) {
+        ADD_FAILURE() << "no " << name << " behind the executable's";
+        abort();
+    }
+    return reinterpret_cast<Function *>(address);
+}
+
+} // namespace
+
+const char *Name(Op op)
+{
+    static constexpr const char *kNames[] = {
+#define X(name) #name,
+        FAULTS_OPERATIONS(X)
+#undef X
+    };
+    return kNames[Index(op)];
+}
+
+void Fail(Op op, unsigned nth, std::optional<long long> result, unsigned times)
+{
+    std::lock_guard lock(g_mutex);
+    g_plans[Index(op)] = {nth - 1, times, result};
+    g_failed = 0;
+    g_active = true;
+}
+
+void FailOverall(unsigned nth, std::initializer_list<Op> operations)
+{
+    std::lock_guard lock(g_mutex);
+    g_overallOps = operations;
+    if (operations.size() == 0) {
+        for (size_t op = 0; op < Index(Op::QOR_Epoll_EvtProc); ++op) {
+            g_overallOps.insert(static_cast<Op>(op));
+        }
+        g_overallOps.erase(Op::vsnprintf_s);
+    }
+    g_overall = {nth - 1, 1, {}};
+    g_failed = 0;
+    g_active = true;
+}
+
+unsigned Failed()
+{
+    std::lock_guard lock(g_mutex);
+    return g_failed;
+}
+
+unsigned long Calls(Op op)
+{
+    return g_calls[Index(op)].load(std::memory_order_relaxed);
+}
+
+void Record(std::initializer_list<Op> operations)
+{
+    std::lock_guard lock(g_mutex);
+    g_recorded = operations;
+    g_active = true;
+}
+
+void Observe(std::function<void(Op)> observer)
+{
+    std::lock_guard lock(g_mutex);
+    g_observer =
+        observer ? std::make_shared<const std::function<void(Op)>>(std::move(observer)) : nullptr;
+    g_active = true;
+}
+
+void Reset()
+{
+    std::lock_guard lock(g_mutex);
+    g_plans = {};
+    g_overall = {};
+    g_overallOps.clear();
+    g_recorded.clear();
+    g_observer = nullptr;
+    g_failed = 0;
+    g_active = false;
+}
+
+} // namespace faults
+
+namespace timers {
+namespace {
+
+std::mutex g_mutex;
+bool g_capture = false;
+std::vector<Timer> g_timers;
+
+/* Both: true when the timers are the test's. */
+bool Start(const Timer &timer)
+{
+    std::lock_guard lock(g_mutex);
+    if (g_capture) {
+        g_timers.push_back(timer);
+        *timer.handle = g_timers.size();
+    }
+    return g_capture;
+}
+
+bool Stop(ZIR_TimerHandle *handle, u32 *result)
+{
+    std::lock_guard lock(g_mutex);
+    if (g_capture) {
+        const bool known = *handle >= 1 && *handle <= g_timers.size();
+        *result = known ? QOR_OK : QOR_FAIL;
+        if (known) {
+            g_timers[*handle - 1].running = false;
+            *handle = 0;
+        }
+    }
+    return g_capture;
+}
+
+} // namespace
+
+void Capture()
+{
+    std::lock_guard lock(g_mutex);
+    g_capture = true;
+}
+
+std::vector<Timer> All()
+{
+    std::lock_guard lock(g_mutex);
+    return g_timers;
+}
+
+void Tick(u32 periodMs)
+{
+    for (const Timer &timer : All()) {
+        if (timer.running && timer.periodMs == periodMs) {
+            timer.callback();
+        }
+    }
+}
+
+} // namespace timers
+
+namespace worker {
+namespace {
+
+std::atomic<QorQueueContext *> g_context{nullptr};
+
+} // namespace
+
+void Open()
+{
+    const int epollFd = epoll_create_s(8);
+    ASSERT_NE(epollFd, -1);
+    ASSERT_EQ(QorL2ResQueCreate(static_cast<u32>(epollFd)), 0u);
+}
+
+QorQueueContext *Context()
+{
+    return g_context;
+}
+
+bool Step()
+{
+    return QorL2ResMsgProc(0, Context()) == 0;
+}
+
+unsigned Drain()
+{
+    unsigned handled = 0;
+    while (Step()) {
+        ++handled;
+    }
+    return handled;
+}
+
+} // namespace worker
+
+/* ---- the definitions that come before the platform's ---- */
+
+using faults::Next;
+using faults::Op;
+using faults::Point;
+
+#define REAL(name)                                                                                 \
+    ([]() {                                                                                        \
+        static auto *const real = Next<decltype(name)>(#name);                                     \
+        return real;                                                                               \
+    }())
+
+/* FAULT(result type, name, (parameters), (arguments), result when failing, what else it does then) */
+#define FAULT(type, name, parameters, arguments, own, effect)                                      \
+    extern "C" QOR_API type name parameters                                                        \
+    {                                                                                              \
+        const Point point(Op::name, __builtin_return_address(0));                                  \
+        if (point.fails()) {                                                                       \
+            effect;                                                                                \
+            return point.result<type>(own);                                                        \
+        }                                                                                          \
+        return REAL(name) arguments;                                                               \
+    }
+
+#define NOTHING static_cast<void>(0)
+#define ZEROED                                                                                     \
+    if (dest != nullptr) {                                                                         \
+        memset(dest, 0, destSize);                                                                 \
+    }
+#define EMPTIED                                                                                    \
+    if (dest != nullptr && destSize > 0) {                                                         \
+        dest[0] = '\0';                                                                            \
+    }
+
+FAULT(u32, ZIR_HandleInitialize, (const char *name, u32 *handle), (name, handle), 1, NOTHING)
+FAULT(void *, ZIR_MemAlloc, (u32 handle, u8 partition, u64 size), (handle, partition, size),
+      nullptr, NOTHING)
+FAULT(u32, ZIR_MemFree, (u32 handle, void *block), (handle, block), 1, NOTHING)
+FAULT(u32, ZIR_MutexInit, (ZIR_Mutex * mutex, const void *attributes), (mutex, attributes), 1,
+      NOTHING)
+FAULT(HASH_Handle, HASH_CreateNew,
+      (u8 partition, u32 nodeSize, u32 bucketCount, HASH_HashFunc hash, HASH_CompFunc compare,
+       u32 option),
+      (partition, nodeSize, bucketCount, hash, compare, option), nullptr, NOTHING)
+FAULT(void *, HASH_NewData, (HASH_Handle table, u32 option), (table, option), nullptr, NOTHING)
+FAULT(u32, HASH_AddNode, (HASH_Handle table, const void *key, void *data, u32 option),
+      (table, key, data, option), 1, NOTHING)
+FAULT(u32, HASH_RemoveElmtByKey, (HASH_Handle table, const void *key), (table, key), 1, NOTHING)
+FAULT(u32, COMP_RegisterComponentInfo, (const QorComponentInfo *info), (info), 1, NOTHING)
+FAULT(u32, COMP_GetVTable, (u32 componentId, u32 interfaceId, void **table),
+      (componentId, interfaceId, table), 1, *table = nullptr)
+FAULT(int, memcpy_s, (void *dest, size_t destSize, const void *src, size_t count),
+      (dest, destSize, src, count), 1, ZEROED)
+FAULT(int, memset_s, (void *dest, size_t destSize, int value, size_t count),
+      (dest, destSize, value, count), 1, ZEROED)
+FAULT(int, strcpy_s, (char *dest, size_t destSize, const char *src), (dest, destSize, src), 1,
+      EMPTIED)
+FAULT(int, strcat_s, (char *dest, size_t destSize, const char *src), (dest, destSize, src), 1,
+      EMPTIED)
+FAULT(int, vsnprintf_s,
+      (char *dest, size_t destSize, size_t limit, const char *format, va_list arguments),
+      (dest, destSize, limit, format, arguments), -1, EMPTIED)
+FAULT(int, epoll_create_s, (int sizeHint), (sizeHint), -1, NOTHING)
+FAULT(int, close_s, (int descriptor), (descriptor), -1, NOTHING)
+FAULT(u32, QorEpollTaskCreate, (const char *name, u32 *taskId, u32 (*entry)(void *), void *arg),
+      (name, taskId, entry, arg), 1, NOTHING)
+FAULT(u32, QorEpollQueCreate,
+      (const char *name, u32 depth, QorQueueHandle *queue, u32 option, u32 elementSize),
+      (name, depth, queue, option, elementSize), 1, NOTHING)
+FAULT(u32, QorEpollQueDelete, (QorQueueHandle * queue), (queue), 1, NOTHING)
+FAULT(u32, QorEpollQueGetMsgNum, (QorQueueHandle queue), (queue), 0, NOTHING)
+FAULT(u32, QorEpollQueWrite, (QorQueueHandle queue, const void *element, u32 size, u32 timeoutMs),
+      (queue, element, size, timeoutMs), 1, NOTHING)
+FAULT(u32, QorEpollQueRead, (QorQueueHandle queue, u32 option, void *element, u32 size),
+      (queue, option, element, size), 0, NOTHING)
+FAULT(u32, QOR_Epoll_EvtProc, (struct epoll_event * events, u32 count), (events, count), 0, NOTHING)
+
+extern "C" QOR_API void HASH_DeleteHash(HASH_Handle *table)
+{
+    const Point point(Op::HASH_DeleteHash, __builtin_return_address(0));
+    REAL(HASH_DeleteHash)(table);
+}
+
+extern "C" QOR_API void HASH_FreeData(HASH_Handle table, void *data)
+{
+    const Point point(Op::HASH_FreeData, __builtin_return_address(0));
+    REAL(HASH_FreeData)(table, data);
+}
+
+extern "C" QOR_API u32 ZIR_ReltmrCbkStart(ZIR_TimerHandle *handle, u32 memHandle, u32 periodMs,
+                                          u32 parameter, void *context, u32 mode,
+                                          ZIR_TimerCallback callback)
+{
+    const Point point(Op::ZIR_ReltmrCbkStart, __builtin_return_address(0));
+    if (point.fails()) {
+        return point.result<u32>(1);
+    }
+    if (timers::Start({handle, memHandle, periodMs, parameter, context, mode, callback, true})) {
+        return QOR_OK;
+    }
+    return REAL(ZIR_ReltmrCbkStart)(handle, memHandle, periodMs, parameter, context, mode,
+                                    callback);
+}
+
+extern "C" QOR_API u32 ZIR_ReltmrStop(ZIR_TimerHandle *handle)
+{
+    const Point point(Op::ZIR_ReltmrStop, __builtin_return_address(0));
+    if (point.fails()) {
+        return point.result<u32>(1);
+    }
+    u32 result = 0;
+    return timers::Stop(handle, &result) ? result : REAL(ZIR_ReltmrStop)(handle);
+}
+
+extern "C" QOR_API u32 QorEpollQueCtl(u32 epollFd, u32 operation, QorQueueHandle queue, u32 events,
+                                      QorQueueContext *context)
+{
+    const Point point(Op::QorEpollQueCtl, __builtin_return_address(0));
+    if (point.fails()) {
+        return point.result<u32>(1);
+    }
+    worker::g_context = context;
+    return REAL(QorEpollQueCtl)(epollFd, operation, queue, events, context);
+}
+
+extern "C" QOR_API int sprintf_s(char *dest, size_t destSize, const char *format, ...)
+{
+    const Point point(Op::sprintf_s, __builtin_return_address(0));
+    if (point.fails()) {
+        EMPTIED
+        return point.result<int>(-1);
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = REAL(vsnprintf_s)(dest, destSize, destSize, format, arguments);
+    va_end(arguments);
+    return length;
+}
+
+extern "C" QOR_API int snprintf_s(char *dest, size_t destSize, size_t limit, const char *format,
+                                  ...)
+{
+    const Point point(Op::snprintf_s, __builtin_return_address(0));
+    if (point.fails()) {
+        EMPTIED
+        return point.result<int>(-1);
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = REAL(vsnprintf_s)(dest, destSize, limit, format, arguments);
+    va_end(arguments);
+    return length;
+}
+
+/* The sanitizers' own epoll_wait, where there is one: it knows what waiting hands over. */
+extern "C" int __interceptor_epoll_wait(int, struct epoll_event *, int, int) __attribute__((weak));
+
+extern "C" QOR_API int epoll_wait(int epollFd, struct epoll_event *events, int count, int timeout)
+{
+    const Point point(Op::epoll_wait, __builtin_return_address(0));
+    if (point.fails()) {
+        return point.result<int>(-1);
+    }
+    if (__interceptor_epoll_wait != nullptr) {
+        return __interceptor_epoll_wait(epollFd, events, count, timeout);
+    }
+    return REAL(epoll_wait)(epollFd, events, count, timeout);
+}
