@@ -26,13 +26,13 @@ enum {
 enum { L2RES_ALARM_TEXT_SIZE = 256 };
 
 typedef struct {
-    u32 notifyTableId;    /* row of the registration table told when the alarm clears */
-    u32 hookType;         /* resource count hook of the table */
+    u32 notifyTableId; /* row of the registration table told when the alarm clears */
+    u32 hookType;      /* resource count hook of the table */
     char description[L2RES_ALARM_TEXT_SIZE];
-    u32 tableAlarmCode;   /* tells the tables apart at the alarm service */
-    u32 resendCount;      /* probes since the last re-send or clear, counted while raised */
-    u32 raised;           /* 1 from a raise that was sent to a clear that was sent */
-    u32 registered;       /* 1 once the description is in place */
+    u32 tableAlarmCode; /* tells the tables apart at the alarm service */
+    u32 resendCount;    /* probes since the last re-send or clear, counted while raised */
+    u32 raised;         /* 1 from a raise that was sent to a clear that was sent */
+    u32 registered;     /* 1 once the description is in place */
 } L2ResAlarmEntry;
 QOR_STATIC_ASSERT(sizeof(L2ResAlarmEntry) == 280, "alarm entry");
 

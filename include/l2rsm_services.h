@@ -28,8 +28,8 @@ typedef void (*QorServiceReserved)(void);
 
 typedef struct {
     QorServiceReserved reserved0[3];
-    u32 (*initPartition)(u32 memoryId, const char *name);         /* 0 on success */
-    u32 (*getPartitionNumber)(u32 memoryId, const char *name);    /* low 8 bits are used */
+    u32 (*initPartition)(u32 memoryId, const char *name);      /* 0 on success */
+    u32 (*getPartitionNumber)(u32 memoryId, const char *name); /* low 8 bits are used */
 } L2ResMemmVtbl;
 
 /* Filled by the time service; the layout is its own. */
@@ -50,9 +50,9 @@ enum { L2RES_ALARM_RAISE = 1, L2RES_ALARM_CLEAR = 2 };
 
 /* Common attributes of an alarm. */
 typedef struct {
-    u32 alarmKind;        /* L2RES_ALARM_RAISE or L2RES_ALARM_CLEAR */
-    u32 kindCode;         /* 255 with a raise, 1 with a clear */
-    u32 timeKind;         /* 2 */
+    u32 alarmKind; /* L2RES_ALARM_RAISE or L2RES_ALARM_CLEAR */
+    u32 kindCode;  /* 255 with a raise, 1 with a clear */
+    u32 timeKind;  /* 2 */
     u32 zero12;
     L2ResAlarmTime *time; /* valid during the call */
     u32 tableAlarmCode;

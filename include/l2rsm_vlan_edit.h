@@ -52,9 +52,9 @@ QOR_STATIC_ASSERT(sizeof(VlanEditCommand) == 32, "command block");
 
 /* A client's request. The action codes mean what the hook's supplier makes of them. */
 typedef struct {
-    u32 servType;        /* 1..12, the client's service type */
-    u32 tagFormat;       /* 1..7, tag format of the packets the edit applies to */
-    u32 outerTag;        /* the eight fields of VlanEditCommand, in its order */
+    u32 servType;  /* 1..12, the client's service type */
+    u32 tagFormat; /* 1..7, tag format of the packets the edit applies to */
+    u32 outerTag;  /* the eight fields of VlanEditCommand, in its order */
     u32 innerTag;
     u32 outerPri;
     u32 innerPri;

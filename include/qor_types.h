@@ -23,6 +23,11 @@ typedef signed char i8;
 typedef short i16;
 
 /* Results of nearly every operation. Where others can occur, the operation says so. */
+#ifdef __cplusplus
+constexpr u32 QOR_OK = 0;
+constexpr u32 QOR_FAIL = 1;
+#else
 enum { QOR_OK = 0, QOR_FAIL = 1 };
+#endif
 
 #endif

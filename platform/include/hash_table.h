@@ -14,8 +14,8 @@
 QOR_BEGIN_C
 
 typedef void *HASH_Handle;
-typedef u32 (*HASH_HashFunc)(const void *key);                   /* bucket index */
-typedef u32 (*HASH_CompFunc)(const void *a, const void *b);      /* 1 when the keys are equal */
+typedef u32 (*HASH_HashFunc)(const void *key);              /* bucket index */
+typedef u32 (*HASH_CompFunc)(const void *a, const void *b); /* 1 when the keys are equal */
 
 /* What an iteration step yields; valid until the next step. */
 typedef struct {

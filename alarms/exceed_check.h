@@ -1,0 +1,27 @@
+/*
+ * When a table-full alarm is raised, sent again and cleared: the worker's side.
+ *
+ * States of an alarm type: unregistered, clear, raised (flags of L2ResAlarmEntry). The exceed check
+ * moves clear to raised, the probe raised to clear. A clear that overlaps a raise on another thread
+ * leaves the type raised, so that no alarm stays on at the alarm service with nobody left to clear
+ * it; at worst a cleared alarm is cleared once more.
+ */
+#ifndef ALARMS_EXCEED_CHECK_H
+#define ALARMS_EXCEED_CHECK_H
+
+#include "l2rsm_alarms.h"
+
+QOR_BEGIN_C
+
+/* One probe cycle, every 5000 ms on the worker: re-send, then clear. Does nothing unless raised. */
+QOR_API void QorL2ResProbeProc(u32 alarmType);
+
+/* Counts a cycle and sends the raise again on the 120th. */
+QOR_API void QorL2ResAlarmResend(u32 alarmType, u32 threshold);
+
+/* Clears a raised alarm when used is below total, and tells the table's services when idle > 0. */
+QOR_API void QorL2ResProbe(u32 alarmType, u32 total, u32 used, u32 idle);
+
+QOR_END_C
+
+#endif

@@ -1,0 +1,236 @@
+#include "arbitration/op_records.h"
+
+#include "bounded.h"
+#include "frame/dbg_log.h"
+#include "frame/memory.h"
+
+namespace {
+
+inline L2ResOpRecord *FindRecord(const CommonTable &table, const void *key)
+    QOR_REQUIRES(*table.opMutex)
+{
+    void *node = HASH_FindElmtFromFirst(*table.opHash, key);
+    return node != nullptr
+               ? reinterpret_cast<L2ResOpRecord *>(static_cast<u8 *>(node) + table.opRecordOffset)
+               : nullptr;
+}
+
+inline u32 &Releases(const CommonTable &table, const void *key) QOR_REQUIRES(*table.opMutex)
+{
+    return table.releases[table.hash(key)];
+}
+
+inline bool SameRecord(const L2ResOpRecord &a, const L2ResOpRecord &b)
+{
+    return a.Stamp == b.Stamp && a.Op == b.Op && a.SrvType == b.SrvType && a.Used == b.Used;
+}
+
+void WriteFailure(const CommonTable &table, const char *text)
+{
+    if (text != nullptr) {
+        QorL2ResDbgWriteLog(L2RES_LOG_ERROR, table.lines.category, "%s", text);
+    }
+}
+
+// The lines of one search, written after the fact; `found` is the record as it was then, or null.
+void WriteSearch(const CommonTable &table, const void *key, const L2ResOpRecord *found)
+{
+    if (table.silentBeforeInit && *table.opHash == nullptr) {
+        return;
+    }
+    table.lines.searched(key);
+    if (found != nullptr) {
+        table.lines.found(key, *found);
+    } else {
+        table.lines.notFound(key);
+    }
+}
+
+} // namespace
+
+u32 CreateOpTable(const CommonTable &table)
+{
+    *table.opHash = HASH_CreateNew(QorL2ResGetMemPtNo(), table.opNodeSize, kBucketCount, table.hash,
+                                   table.compare, 0);
+    if (*table.opHash == nullptr) {
+        WriteFailure(table, table.createOpFailed);
+        return QOR_FAIL;
+    }
+    (void)ZIR_MutexInit(table.opMutex, nullptr);
+    return QOR_OK;
+}
+
+L2ResOpRecord *SearchOpRecord(const CommonTable &table, const void *key) QOR_NO_THREAD_SAFETY
+{
+    if (key == nullptr) {
+        return nullptr;
+    }
+    L2ResOpRecord *record = FindRecord(table, key);
+    WriteSearch(table, key, record);
+    return record;
+}
+
+Holder FindHolder(const CommonTable &table, const void *key)
+{
+    Holder holder = {};
+    ZIR_MutexLock(table.opMutex);
+    if (const L2ResOpRecord *record = FindRecord(table, key)) {
+        holder.exists = true;
+        holder.record = *record;
+    }
+    holder.releases = Releases(table, key);
+    ZIR_MutexUnlock(table.opMutex);
+    WriteSearch(table, key, holder.exists ? &holder.record : nullptr);
+    return holder;
+}
+
+namespace {
+
+// What a store did, for the lines written once the mutex is free.
+struct StoreReport {
+    L2ResOpRecord before; // valid when existed
+    bool existed;
+    const char *failure; // line to write, or null
+};
+
+u32 Overwrite(const CommonTable &table, L2ResOpRecord *stored, const L2ResOpRecord &record,
+              StoreReport *report)
+{
+    if (memcpy_s(stored, sizeof *stored, &record, sizeof record) != 0) {
+        report->failure = table.lines.overwriteFailed;
+    }
+    return QOR_OK;
+}
+
+u32 Insert(const CommonTable &table, const void *key, const L2ResOpRecord &record,
+           StoreReport *report) QOR_REQUIRES(*table.opMutex)
+{
+    void *node = HASH_NewData(*table.opHash, 0);
+    if (node == nullptr) {
+        report->failure = table.lines.noNode;
+        return QOR_FAIL;
+    }
+    void *recordPlace = static_cast<u8 *>(node) + table.opRecordOffset;
+    (void)memset_s(node, table.opNodeSize, 0, table.opNodeSize);
+    (void)memcpy_s(node, table.opNodeSize, key, table.keySize);
+    if (memcpy_s(recordPlace, sizeof record, &record, sizeof record) != 0) {
+        report->failure = table.lines.insertFailed;
+    }
+    if (HASH_AddNode(*table.opHash, node, node, 0) != QOR_OK) {
+        HASH_FreeData(*table.opHash, node);
+        return QOR_FAIL;
+    }
+    return QOR_OK;
+}
+
+// `judged` null: store whatever is there now.
+Replacement Store(const CommonTable &table, const void *key, const L2ResOpRecord &record,
+                  Holder *judged)
+{
+    StoreReport report = {};
+    ZIR_MutexLock(table.opMutex);
+    L2ResOpRecord *stored = FindRecord(table, key);
+    if (stored != nullptr) {
+        report.existed = true;
+        report.before = *stored;
+    }
+    if (judged != nullptr) {
+        if (judged->exists != report.existed ||
+            (report.existed && !SameRecord(judged->record, report.before))) {
+            ZIR_MutexUnlock(table.opMutex);
+            return Replacement::overtaken;
+        }
+        judged->releases = Releases(table, key);
+    }
+    const u32 ret = report.existed ? Overwrite(table, stored, record, &report)
+                                   : Insert(table, key, record, &report);
+    ZIR_MutexUnlock(table.opMutex);
+
+    WriteSearch(table, key, report.existed ? &report.before : nullptr);
+    WriteFailure(table, report.failure);
+    if (ret != QOR_OK) {
+        return Replacement::failed;
+    }
+    table.lines.stored(key, record);
+    return Replacement::stored;
+}
+
+} // namespace
+
+u32 StoreOpRecord(const CommonTable &table, const void *key, const L2ResOpRecord &record)
+{
+    return Store(table, key, record, nullptr) == Replacement::stored ? QOR_OK : QOR_FAIL;
+}
+
+Replacement ReplaceJudged(const CommonTable &table, const void *key, const L2ResOpRecord &record,
+                          Holder *judged)
+{
+    return Store(table, key, record, judged);
+}
+
+u32 RemoveOpRecord(const CommonTable &table, const void *key)
+{
+    if (key == nullptr) {
+        return QOR_FAIL;
+    }
+    ZIR_MutexLock(table.opMutex);
+    const u32 ret = HASH_RemoveElmtByKey(*table.opHash, key);
+    ++Releases(table, key);
+    ZIR_MutexUnlock(table.opMutex);
+    table.lines.removed(key, ret);
+    return ret;
+}
+
+bool MarkReleased(const CommonTable &table, const void *key)
+{
+    StoreReport report = {};
+    L2ResOpRecord released = {};
+    ZIR_MutexLock(table.opMutex);
+    L2ResOpRecord *stored = FindRecord(table, key);
+    if (stored != nullptr) {
+        report.existed = true;
+        report.before = *stored;
+        released = *stored;
+        released.Used = 0;
+        (void)Overwrite(table, stored, released, &report);
+        ++Releases(table, key);
+    }
+    ZIR_MutexUnlock(table.opMutex);
+
+    WriteSearch(table, key, report.existed ? &report.before : nullptr);
+    if (!report.existed) {
+        return false;
+    }
+    WriteSearch(table, key, &report.before); // found, then found again to be overwritten
+    WriteFailure(table, report.failure);
+    table.lines.stored(key, released);
+    return true;
+}
+
+bool RemoveReleased(const CommonTable &table, const void *key, u32 *ret)
+{
+    L2ResOpRecord before = {};
+    ZIR_MutexLock(table.opMutex);
+    const L2ResOpRecord *stored = FindRecord(table, key);
+    const bool existed = stored != nullptr;
+    if (existed) {
+        before = *stored;
+        *ret = HASH_RemoveElmtByKey(*table.opHash, key);
+        ++Releases(table, key);
+    }
+    ZIR_MutexUnlock(table.opMutex);
+
+    WriteSearch(table, key, existed ? &before : nullptr);
+    if (existed) {
+        table.lines.removed(key, *ret);
+    }
+    return existed;
+}
+
+bool ReleasedSince(const CommonTable &table, const void *key, const Holder &judged)
+{
+    ZIR_MutexLock(table.opMutex);
+    const bool released = Releases(table, key) != judged.releases;
+    ZIR_MutexUnlock(table.opMutex);
+    return released;
+}

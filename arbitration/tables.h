@@ -1,0 +1,86 @@
+/*
+ * What the two common tables share and where they differ.
+ *
+ * Both keep two hash tables: op records (who holds an entry) and waiting requests (who wants it).
+ * One implementation serves both: op_records.cpp, waiters.cpp, token_ops.cpp. A CommonTable names
+ * everything in which ICIB and IPAT differ; the two rows stand side by side in tables.cpp.
+ *
+ * How one entry's requests stay exact between threads:
+ *   - A request is judged against a copy of the holder's record. It replaces the record only if that
+ *     is still the one it was judged against, else it is judged again.
+ *   - Every release of a token counts up its bucket's `releases`. A request that was told to wait is
+ *     recorded first and looks at the count then: had a release come in between, it is taken back
+ *     and judged again, unless that release has notified it already.
+ *   - A release claims the entry's waiting requests, calls back with no lock held, and removes them
+ *     in the same hold of the mutex that found no further one. Whoever meets a claimed entry leaves
+ *     it to the claimer; requests appended meanwhile are notified by the claimer too.
+ *   - No code holds both mutexes; foreign code runs under none but in the ICIB walk.
+ * Messages are written with no mutex held, in the order of the steps they report.
+ */
+#ifndef ARBITRATION_TABLES_H
+#define ARBITRATION_TABLES_H
+
+#include "hash_table.h"
+#include "l2rsm_arbitration.h"
+#include "zir_mutex.h"
+
+constexpr u32 kBucketCount = 1024;
+
+/* How one op type's handler behaves and what it writes. */
+struct HandlerRow {
+    u32 (*rule)(const L2ResOpRecord *req, const L2ResOpRecord *holder, L2ResVerdict *verdict);
+    u16 recordedOp;         /* op code stored in the record */
+    L2ResVerdict unheld;    /* verdict when nobody holds the entry */
+    u32 unheldResult;       /* and the token result with it */
+    u32 notGrantedResult;   /* token result when the holder's rule grants nothing */
+    bool waitChangesResult; /* a recorded wait is answered with L2RES_TOKEN_WAIT */
+    bool checksUsage;       /* checks the engine's table before the record is stored */
+    void (*opened)(u32 srvType, const L2ResTokenReq &req);
+    void (*refused)(u32 srvType, const L2ResTokenReq &req, u32 ret);
+    void (*closed)(const L2ResVerdict &verdict, u32 ret);
+};
+
+/* Lines of the record functions; null where the table writes none. */
+struct RecordLines {
+    u32 category;
+    void (*searched)(const void *key);
+    void (*found)(const void *key, const L2ResOpRecord &record);
+    void (*notFound)(const void *key);
+    void (*stored)(const void *key, const L2ResOpRecord &record);
+    void (*removed)(const void *key, u32 ret);
+    const char *overwriteFailed, *insertFailed, *noNode; /* op records */
+    void (*appended)(const L2ResOpRecord &record, u16 reOpNum);
+    const char *appendFailed, *firstFailed, *noWaitNode; /* waiting requests */
+    void (*noWaiters)(const void *key);
+    void (*notified)(const void *key, u32 srvType, u32 ret);
+};
+
+struct CommonTable {
+    u32 tableId;
+    /* Nodes begin with the key. */
+    u32 keySize;
+    u32 opNodeSize, opRecordOffset;
+    u32 waitNodeSize, waitListOffset;
+    i16 walkCountdown;       /* of a new node of waiting requests */
+    bool tracksUse;          /* `Used` tells whether the token is out */
+    bool releaseEmptiesList; /* a release removes every waiting request, else the latest only */
+    bool silentBeforeInit;   /* a search writes nothing while there is no hash table */
+
+    u32 (*hash)(const void *key);
+    u32 (*compare)(const void *a, const void *b);
+    HASH_Handle *opHash;
+    ZIR_Mutex *opMutex;
+    HASH_Handle *waitHash;
+    ZIR_Mutex *waitMutex;
+    u32 *releases;   /* per bucket, guarded by opMutex */
+    u32 *lastSerial; /* of a waiting request, guarded by waitMutex */
+
+    const char *createOpFailed, *createWaitFailed;
+    RecordLines lines;
+    HandlerRow handler[4]; /* by op type; row 0 unused */
+};
+
+extern const CommonTable kIcibTable;
+extern const CommonTable kIpatTable;
+
+#endif

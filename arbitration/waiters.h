@@ -1,0 +1,51 @@
+/*
+ * Waiting requests: who wants an entry that somebody holds. One implementation for both tables.
+ *
+ * States of an entry's list: none, waiting (claimed 0), claimed (claimed > 0: a release or the walk
+ * is notifying it, and has handed out that many entries). Only the claimer removes a claimed list;
+ * an entry already handed out is never moved.
+ */
+#ifndef ARBITRATION_WAITERS_H
+#define ARBITRATION_WAITERS_H
+
+#include "arbitration/tables.h"
+
+/* Creates hash table and mutex: 0 or 1. */
+u32 CreateWaitTable(const CommonTable &table);
+
+/* The search proper, no lock: a node, or null. */
+void *SearchWaitNode(const CommonTable &table, const void *key);
+
+/*
+ * Appends a waiting request with a copy of its data. 0 with *serial set (unless null), 1 when it is
+ * not recorded (ten are waiting, no memory), or the failed copy's code.
+ */
+u32 AppendWaiter(const CommonTable &table, const void *key, const L2ResOpRecord &record,
+                 const void *data, u16 dataLen, u32 srvType, u32 *serial);
+
+/* Takes a request back that nobody has been notified of. False: it was handed out already. */
+bool TakeBackWaiter(const CommonTable &table, const void *key, u32 serial);
+
+/*
+ * Notifies the key's waiting requests in arrival order, no mutex held, then removes them as the
+ * table does. The last callback's result; 0 when there is none or another release is at it.
+ */
+u32 ReleaseWaiters(const CommonTable &table, const void *key);
+
+/* Removes every waiting request: the removal's result; 0 when there is none or it is claimed. */
+u32 RemoveAllWaiters(const CommonTable &table, const void *key);
+
+/* Removes the latest waiting request, and the node of `hash` with the last one. As above. */
+u32 RemoveLatestWaiter(const CommonTable &table, const void *key, HASH_Handle hash);
+
+/*
+ * One tick of the timed release: counts down every unclaimed node and notifies those that run out,
+ * holding the table's mutex throughout.
+ */
+void WalkWaiters(const CommonTable &table);
+
+/* Copies the requests waiting for a key: their number, 0 when there is no node. */
+u16 CopyWaiters(const CommonTable &table, const void *key, bool *exists,
+                L2ResOpRecord (&out)[L2RES_WAITERS_MAX]);
+
+#endif
