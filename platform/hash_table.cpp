@@ -1,48 +1,309 @@
-/* Hash tables of fixed-size nodes (first version: a block per node). */
+/*
+ * Hash tables of fixed-size nodes.
+ *
+ * Two structures over the same nodes. Buckets lead from a key to a node: each is a contiguous array
+ * of node addresses. Slabs hold the nodes in memory order, with two bits per node: taken (not in
+ * the free list) and live (in the table). An iteration follows the slabs, not the buckets: a node
+ * keeps its place in its slab, so neither a removal nor an insertion can shift the nodes still to
+ * come, and a walk over many nodes reads memory forwards.
+ *
+ * All memory comes from the table's partition through a memory handle of the tables' own. Slabs are
+ * kept until the table is deleted; a bucket's array is given back when the bucket empties.
+ */
+#include <algorithm>
+#include <bit>
 #include <cstring>
-#include <new>
+#include <sanitizer/asan_interface.h>
 
 #include "hash_table.h"
 #include "zir_memory.h"
 
 namespace {
 
+constexpr u32 BITS = 64;            /* in a word of a slab's bit maps */
+constexpr u32 FIRST_SLAB = 16;      /* nodes of a table's first slab */
+constexpr u64 SLAB_BYTES = 0x10000; /* a slab does not grow beyond (or is a single node) */
+constexpr u32 PREFETCH = 8;         /* nodes ahead: about a cache miss at a nanosecond each */
+
+#if defined(__SANITIZE_ADDRESS__) || (defined(__clang__) && __has_feature(address_sanitizer))
+constexpr u32 NODE_GAP = 16; /* poisoned, so that writing beyond a node is found */
+#else
+constexpr u32 NODE_GAP = 0;
+#endif
+
+struct Slab {
+    Slab *next;           /* created after this one */
+    unsigned char *nodes; /* the first node */
+    u64 *taken;
+    u64 *live;
+    u32 nodeCount;
+    u32 used; /* nodes from here on were never handed out */
+};
+
+/* A single entry stands in the bucket itself: most buckets of a spread table need no array. */
 struct Bucket {
-    void **nodes;
+    union {
+        void *single;
+        void **array;
+    };
     u32 count;
-    u32 capacity;
+    u32 capacity; /* of the array; 0: there is none */
 };
 
 struct Table {
     HASH_HashFunc hash;
     HASH_CompFunc compare;
-    u64 bytes;
-    u64 nodes;
-    u64 buffers;
-    u32 nodeSize;
-    u32 bucketCount;
     u32 memHandle;
-    u32 cursorBucket;
-    u32 cursorIndex;
+    u32 nodeSize;
+    u32 stride; /* from one node to the next */
+    u32 bucketCount;
     u8 partition;
+
+    Slab *firstSlab;
+    Slab *lastSlab;
+    Slab **slabs; /* all, by address */
+    u32 slabCount;
+    u32 slabCapacity;
+    u64 nodeCapacity; /* of all slabs */
+    void *freeNodes;  /* given back, linked through their first bytes */
+
+    Slab *cursorSlab; /* the next iteration step looks from here on; null at the end */
+    u32 cursorIndex;
     HASH_Element element;
-    Bucket buckets[1];
+
+    HASH_Stat stat;
+    Bucket buckets[1]; /* bucketCount of them */
 };
 
-bool find(Table *table, const void *key, u32 *bucket, u32 *index)
+/* A node's place in its slab. */
+struct Place {
+    Slab *slab; /* null: not an address of a node */
+    u32 index;
+};
+
+Table *tableOf(HASH_Handle handle)
 {
-    *bucket = table->hash(key);
-    if (*bucket >= table->bucketCount) {
+    return static_cast<Table *>(handle);
+}
+
+void *takeMemory(Table *table, u64 size)
+{
+    void *memory = ZIR_MemAlloc(table->memHandle, table->partition, size);
+    if (memory != nullptr) {
+        table->stat.bytes += size;
+    }
+    return memory;
+}
+
+void giveMemory(Table *table, void *memory, u64 size)
+{
+    if (memory != nullptr) {
+        (void)ZIR_MemFree(table->memHandle, memory);
+        table->stat.bytes -= size;
+    }
+}
+
+/* ---- Slabs ---- */
+
+bool isSet(const u64 *map, u32 index)
+{
+    return (map[index / BITS] >> index % BITS & 1) != 0;
+}
+
+void setBit(u64 *map, u32 index)
+{
+    map[index / BITS] |= 1ULL << index % BITS;
+}
+
+void clearBit(u64 *map, u32 index)
+{
+    map[index / BITS] &= ~(1ULL << index % BITS);
+}
+
+u32 mapWords(u32 nodeCount)
+{
+    return (nodeCount + BITS - 1) / BITS;
+}
+
+u64 slabSize(const Table *table, u32 nodeCount)
+{
+    return sizeof(Slab) + 2 * sizeof(u64) * mapWords(nodeCount) +
+           static_cast<u64>(nodeCount) * table->stride;
+}
+
+/* An eighth of what the table has, so that little is unused, within what one slab may be. */
+u32 nextSlabNodes(const Table *table)
+{
+    const u64 most = std::max<u64>(SLAB_BYTES / table->stride, 1);
+    return static_cast<u32>(std::min(std::max<u64>(table->nodeCapacity / 8, FIRST_SLAB), most));
+}
+
+bool reserveSlabEntry(Table *table)
+{
+    if (table->slabCount < table->slabCapacity) {
+        return true;
+    }
+    const u32 capacity = table->slabCapacity * 2 + 4;
+    auto *slabs = static_cast<Slab **>(takeMemory(table, capacity * sizeof(Slab *)));
+    if (slabs == nullptr) {
         return false;
     }
-    const Bucket &in = table->buckets[*bucket];
-    for (u32 i = 0; i < in.count; ++i) {
-        if (table->compare(key, in.nodes[i]) == 1) {
-            *index = i;
-            return true;
+    std::copy_n(table->slabs, table->slabCount, slabs);
+    giveMemory(table, table->slabs, table->slabCapacity * sizeof(Slab *));
+    table->slabs = slabs;
+    table->slabCapacity = capacity;
+    return true;
+}
+
+bool addSlab(Table *table)
+{
+    const u32 nodeCount = nextSlabNodes(table);
+    auto *slab = reserveSlabEntry(table)
+                     ? static_cast<Slab *>(takeMemory(table, slabSize(table, nodeCount)))
+                     : nullptr;
+    if (slab == nullptr) {
+        return false;
+    }
+    const u32 words = mapWords(nodeCount);
+    slab->next = nullptr;
+    slab->taken = reinterpret_cast<u64 *>(slab + 1);
+    slab->live = slab->taken + words;
+    slab->nodes = reinterpret_cast<unsigned char *>(slab->live + words);
+    slab->nodeCount = nodeCount;
+    slab->used = 0;
+    std::fill_n(slab->taken, 2 * words, 0ULL);
+    ASAN_POISON_MEMORY_REGION(slab->nodes, static_cast<size_t>(nodeCount) * table->stride);
+
+    (table->lastSlab != nullptr ? table->lastSlab->next : table->firstSlab) = slab;
+    table->lastSlab = slab;
+    Slab **end = table->slabs + table->slabCount;
+    Slab **position = std::upper_bound(table->slabs, end, slab);
+    std::copy_backward(position, end, end + 1);
+    *position = slab;
+    ++table->slabCount;
+    table->nodeCapacity += nodeCount;
+    return true;
+}
+
+/* Finds the place of a node by its address alone: what is not a node is never looked into. */
+Place placeOf(const Table *table, const void *node)
+{
+    const auto *address = static_cast<const unsigned char *>(node);
+    Slab *const *after = std::upper_bound(
+        table->slabs, table->slabs + table->slabCount, address,
+        [](const unsigned char *searched, const Slab *slab) { return searched < slab->nodes; });
+    if (after == table->slabs) {
+        return {nullptr, 0};
+    }
+    Slab *slab = after[-1];
+    const u64 offset = static_cast<u64>(address - slab->nodes);
+    if (offset >= static_cast<u64>(slab->used) * table->stride || offset % table->stride != 0) {
+        return {nullptr, 0};
+    }
+    return {slab, static_cast<u32>(offset / table->stride)};
+}
+
+void *nodeAt(const Table *table, Place place)
+{
+    return place.slab->nodes + static_cast<u64>(place.index) * table->stride;
+}
+
+/* Takes a node given back before. */
+Place takeFreeNode(Table *table)
+{
+    void *node = table->freeNodes;
+    ASAN_UNPOISON_MEMORY_REGION(node, table->stride);
+    (void)memcpy(&table->freeNodes, node, sizeof(table->freeNodes));
+    ASAN_POISON_MEMORY_REGION(node, table->stride);
+    return placeOf(table, node);
+}
+
+/* Takes the next node of the newest slab: nodes taken in a row lie in a row. */
+Place takeFreshNode(Table *table)
+{
+    const Slab *slab = table->lastSlab;
+    if ((slab == nullptr || slab->used == slab->nodeCount) && !addSlab(table)) {
+        return {nullptr, 0};
+    }
+    return {table->lastSlab, table->lastSlab->used++};
+}
+
+void giveNodeBack(Table *table, Place place)
+{
+    void *node = nodeAt(table, place);
+    clearBit(place.slab->taken, place.index);
+    ASAN_UNPOISON_MEMORY_REGION(node, table->stride);
+    (void)memcpy(node, &table->freeNodes, sizeof(table->freeNodes));
+    ASAN_POISON_MEMORY_REGION(node, table->stride);
+    table->freeNodes = node;
+}
+
+/* A buffer that was handed out and is neither in the table nor given back. */
+bool isBuffer(Place place)
+{
+    return place.slab != nullptr && isSet(place.slab->taken, place.index) &&
+           !isSet(place.slab->live, place.index);
+}
+
+/* ---- Buckets ---- */
+
+void **entriesOf(Bucket *bucket)
+{
+    return bucket->capacity == 0 ? &bucket->single : bucket->array;
+}
+
+/* Room for one more entry; growth by half keeps what is unused small. */
+bool reserveEntry(Table *table, Bucket *bucket)
+{
+    if (bucket->count < std::max(bucket->capacity, 1U)) {
+        return true;
+    }
+    const u32 capacity = bucket->count + bucket->count / 2 + 2;
+    auto *array = static_cast<void **>(takeMemory(table, capacity * sizeof(void *)));
+    if (array == nullptr) {
+        return false;
+    }
+    std::copy_n(entriesOf(bucket), bucket->count, array);
+    if (bucket->capacity != 0) {
+        giveMemory(table, bucket->array, bucket->capacity * sizeof(void *));
+    }
+    bucket->array = array;
+    bucket->capacity = capacity;
+    return true;
+}
+
+/* The order within a bucket means nothing, so the last entry fills the gap. */
+void removeEntry(Table *table, Bucket *bucket, void **entry)
+{
+    *entry = entriesOf(bucket)[--bucket->count];
+    if (bucket->count == 0 && bucket->capacity != 0) {
+        giveMemory(table, bucket->array, bucket->capacity * sizeof(void *));
+        bucket->array = nullptr;
+        bucket->capacity = 0;
+    }
+}
+
+Bucket *bucketOf(Table *table, const void *key)
+{
+    const u32 index = table->hash(key);
+    return index < table->bucketCount ? &table->buckets[index] : nullptr;
+}
+
+/* The bucket entry that leads to the node with that key, or null. */
+void **findEntry(const Table *table, Bucket *bucket, const void *key)
+{
+    const HASH_CompFunc compare = table->compare;
+    void **entries = entriesOf(bucket);
+    const u32 count = bucket->count;
+    for (u32 i = 0; i < count; ++i) {
+        if (i + PREFETCH < count) {
+            __builtin_prefetch(entries[i + PREFETCH]);
+        }
+        if (compare(key, entries[i]) != 0) {
+            return &entries[i];
         }
     }
-    return false;
+    return nullptr;
 }
 
 } // namespace
@@ -51,136 +312,142 @@ HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_Has
                            HASH_CompFunc compare, u32 option)
 {
     (void)option;
-    u32 handle;
-    if (nodeSize == 0 || bucketCount == 0 || hash == nullptr || compare == nullptr ||
-        ZIR_HandleInitialize("hash", &handle) != 0) {
+    u32 memHandle;
+    if (nodeSize == 0 || nodeSize > SLAB_BYTES || bucketCount == 0 || hash == nullptr ||
+        compare == nullptr || ZIR_HandleInitialize("qor-hash", &memHandle) != QOR_OK) {
         return nullptr;
     }
-    const u64 size = sizeof(Table) + sizeof(Bucket) * static_cast<u64>(bucketCount);
-    void *memory = ZIR_MemAlloc(handle, partition, size);
-    if (memory == nullptr) {
+    const u64 size = sizeof(Table) + (bucketCount - 1ULL) * sizeof(Bucket);
+    auto *table = static_cast<Table *>(ZIR_MemAlloc(memHandle, partition, size));
+    if (table == nullptr) {
         return nullptr;
     }
-    (void)memset(memory, 0, size);
-    auto *table = static_cast<Table *>(memory);
+    (void)memset(static_cast<void *>(table), 0, size);
     table->hash = hash;
     table->compare = compare;
-    table->bytes = size;
+    table->memHandle = memHandle;
     table->nodeSize = nodeSize;
+    /* Eight bytes are what a free node's link needs and what any field's alignment asks for. */
+    table->stride = (nodeSize + NODE_GAP + 7) / 8 * 8;
     table->bucketCount = bucketCount;
-    table->memHandle = handle;
-    table->cursorBucket = bucketCount;
     table->partition = partition;
+    table->stat.bytes = size;
     return table;
 }
 
 void *HASH_NewData(HASH_Handle handle, u32 option)
 {
     (void)option;
-    auto *table = static_cast<Table *>(handle);
-    void *data = table != nullptr
-                     ? ZIR_MemAlloc(table->memHandle, table->partition, table->nodeSize)
-                     : nullptr;
-    if (data != nullptr) {
-        ++table->buffers;
+    Table *table = tableOf(handle);
+    if (table == nullptr) {
+        return nullptr;
     }
-    return data;
+    const Place place = table->freeNodes != nullptr ? takeFreeNode(table) : takeFreshNode(table);
+    if (place.slab == nullptr) {
+        return nullptr;
+    }
+    setBit(place.slab->taken, place.index);
+    ++table->stat.buffers;
+    void *node = nodeAt(table, place);
+    ASAN_UNPOISON_MEMORY_REGION(node, table->nodeSize);
+    return node;
 }
 
 void HASH_FreeData(HASH_Handle handle, void *data)
 {
-    auto *table = static_cast<Table *>(handle);
-    if (table != nullptr && ZIR_MemFree(table->memHandle, data) == 0) {
-        --table->buffers;
+    Table *table = tableOf(handle);
+    const Place place = table != nullptr ? placeOf(table, data) : Place{};
+    /* A node of the table, or one given back before, is left alone. */
+    if (!isBuffer(place)) {
+        return;
     }
+    giveNodeBack(table, place);
+    --table->stat.buffers;
 }
 
 u32 HASH_AddNode(HASH_Handle handle, const void *key, void *data, u32 option)
 {
     (void)option;
-    auto *table = static_cast<Table *>(handle);
+    Table *table = tableOf(handle);
     if (table == nullptr || key == nullptr || data == nullptr) {
         return QOR_FAIL;
     }
-    const u32 index = table->hash(key);
-    if (index >= table->bucketCount) {
+    const Place place = placeOf(table, data);
+    if (!isBuffer(place)) {
         return QOR_FAIL;
     }
-    Bucket &bucket = table->buckets[index];
-    if (bucket.count == bucket.capacity) {
-        const u32 capacity = bucket.capacity * 2 + 2;
-        auto *nodes = static_cast<void **>(ZIR_MemAlloc(
-            table->memHandle, table->partition, static_cast<u64>(capacity) * sizeof(void *)));
-        if (nodes == nullptr) {
-            return QOR_FAIL;
-        }
-        if (bucket.nodes != nullptr) {
-            (void)memcpy(nodes, bucket.nodes, bucket.count * sizeof(void *));
-            (void)ZIR_MemFree(table->memHandle, bucket.nodes);
-        }
-        table->bytes += (capacity - bucket.capacity) * sizeof(void *);
-        bucket.nodes = nodes;
-        bucket.capacity = capacity;
+    Bucket *bucket = bucketOf(table, key);
+    if (bucket == nullptr || !reserveEntry(table, bucket)) {
+        return QOR_FAIL;
     }
-    bucket.nodes[bucket.count++] = data;
-    --table->buffers;
-    ++table->nodes;
+    entriesOf(bucket)[bucket->count++] = data;
+    setBit(place.slab->live, place.index);
+    --table->stat.buffers;
+    ++table->stat.nodes;
     return QOR_OK;
 }
 
 void *HASH_FindElmtFromFirst(HASH_Handle handle, const void *key)
 {
-    auto *table = static_cast<Table *>(handle);
-    u32 bucket;
-    u32 index;
-    return table != nullptr && key != nullptr && find(table, key, &bucket, &index)
-               ? table->buckets[bucket].nodes[index]
-               : nullptr;
+    Table *table = tableOf(handle);
+    if (table == nullptr || key == nullptr) {
+        return nullptr;
+    }
+    Bucket *bucket = bucketOf(table, key);
+    void **entry = bucket != nullptr ? findEntry(table, bucket, key) : nullptr;
+    return entry != nullptr ? *entry : nullptr;
 }
 
 u32 HASH_RemoveElmtByKey(HASH_Handle handle, const void *key)
 {
-    auto *table = static_cast<Table *>(handle);
-    u32 bucket;
-    u32 index;
-    if (table == nullptr || key == nullptr || !find(table, key, &bucket, &index)) {
+    Table *table = tableOf(handle);
+    if (table == nullptr || key == nullptr) {
         return QOR_FAIL;
     }
-    Bucket &from = table->buckets[bucket];
-    (void)ZIR_MemFree(table->memHandle, from.nodes[index]);
-    --from.count;
-    (void)memmove(from.nodes + index, from.nodes + index + 1,
-                  (from.count - index) * sizeof(void *));
-    if (bucket == table->cursorBucket && index < table->cursorIndex) {
-        --table->cursorIndex;
+    Bucket *bucket = bucketOf(table, key);
+    void **entry = bucket != nullptr ? findEntry(table, bucket, key) : nullptr;
+    if (entry == nullptr) {
+        return QOR_FAIL;
     }
-    --table->nodes;
+    /* `key` may be the node's own: it is not read any more from here on. */
+    const Place place = placeOf(table, *entry);
+    removeEntry(table, bucket, entry);
+    clearBit(place.slab->live, place.index);
+    giveNodeBack(table, place);
+    --table->stat.nodes;
     return QOR_OK;
 }
 
 HASH_Element *HASH_GetFirstNode(HASH_Handle handle)
 {
-    auto *table = static_cast<Table *>(handle);
-    if (table != nullptr) {
-        table->cursorBucket = 0;
-        table->cursorIndex = 0;
+    Table *table = tableOf(handle);
+    if (table == nullptr) {
+        return nullptr;
     }
+    table->cursorSlab = table->firstSlab;
+    table->cursorIndex = 0;
     return HASH_GetNextNode(handle);
 }
 
 HASH_Element *HASH_GetNextNode(HASH_Handle handle)
 {
-    auto *table = static_cast<Table *>(handle);
+    Table *table = tableOf(handle);
     if (table == nullptr) {
         return nullptr;
     }
-    while (table->cursorBucket < table->bucketCount) {
-        const Bucket &bucket = table->buckets[table->cursorBucket];
-        if (table->cursorIndex < bucket.count) {
-            table->element.node = bucket.nodes[table->cursorIndex++];
-            return &table->element;
+    for (; table->cursorSlab != nullptr; table->cursorSlab = table->cursorSlab->next) {
+        const Slab *slab = table->cursorSlab;
+        while (table->cursorIndex < slab->used) {
+            const u32 index = table->cursorIndex;
+            const u64 live = slab->live[index / BITS] >> index % BITS;
+            if (live != 0) {
+                const u32 found = index + static_cast<u32>(std::countr_zero(live));
+                table->cursorIndex = found + 1;
+                table->element.node = slab->nodes + static_cast<u64>(found) * table->stride;
+                return &table->element;
+            }
+            table->cursorIndex = (index / BITS + 1) * BITS;
         }
-        ++table->cursorBucket;
         table->cursorIndex = 0;
     }
     return nullptr;
@@ -188,15 +455,23 @@ HASH_Element *HASH_GetNextNode(HASH_Handle handle)
 
 void HASH_DeleteHash(HASH_Handle *handle)
 {
-    auto *table = handle != nullptr ? static_cast<Table *>(*handle) : nullptr;
+    Table *table = handle != nullptr ? tableOf(*handle) : nullptr;
     if (table == nullptr) {
         return;
     }
     for (u32 i = 0; i < table->bucketCount; ++i) {
-        for (u32 n = 0; n < table->buckets[i].count; ++n) {
-            (void)ZIR_MemFree(table->memHandle, table->buckets[i].nodes[n]);
+        if (table->buckets[i].capacity != 0) {
+            (void)ZIR_MemFree(table->memHandle, table->buckets[i].array);
         }
-        (void)ZIR_MemFree(table->memHandle, table->buckets[i].nodes);
+    }
+    for (u32 i = 0; i < table->slabCount; ++i) {
+        Slab *slab = table->slabs[i];
+        ASAN_UNPOISON_MEMORY_REGION(slab->nodes,
+                                    static_cast<size_t>(slab->nodeCount) * table->stride);
+        (void)ZIR_MemFree(table->memHandle, slab);
+    }
+    if (table->slabs != nullptr) {
+        (void)ZIR_MemFree(table->memHandle, table->slabs);
     }
     (void)ZIR_MemFree(table->memHandle, table);
     *handle = nullptr;
@@ -204,11 +479,7 @@ void HASH_DeleteHash(HASH_Handle *handle)
 
 void HASH_GetStat(HASH_Handle handle, HASH_Stat *stat)
 {
-    const auto *table = static_cast<const Table *>(handle);
     if (stat != nullptr) {
-        *stat = table == nullptr
-                    ? HASH_Stat{}
-                    : HASH_Stat{table->nodes, table->buffers,
-                                table->bytes + (table->nodes + table->buffers) * table->nodeSize};
+        *stat = handle != nullptr ? tableOf(handle)->stat : HASH_Stat{};
     }
 }
