@@ -40,16 +40,20 @@ struct Plan {
     std::optional<long long> result;
 };
 
-/* All but the counters is guarded by g_mutex; g_active says without it that there is something. */
 std::array<std::atomic<unsigned long>, kOps> g_calls;
-std::atomic<bool> g_active{false};
+std::atomic<bool> g_active{false}; /* there is something in g_plan */
+
+/* Guarded by g_mutex. Never destroyed: a worker task may still call while the process exits. */
+struct Plans {
+    std::array<Plan, kOps> single;
+    Plan overall;
+    std::set<Op> overallOps;
+    std::set<Op> recorded;
+    std::shared_ptr<const std::function<void(Op)>> observer;
+    unsigned failed = 0;
+};
 std::mutex g_mutex;
-std::array<Plan, kOps> g_plans;
-Plan g_overall;
-std::set<Op> g_overallOps;
-std::set<Op> g_recorded;
-std::shared_ptr<const std::function<void(Op)>> g_observer;
-unsigned g_failed = 0;
+auto &g_plan = *new Plans;
 
 thread_local unsigned t_inside = 0; /* within a forwarded call or an observer */
 
@@ -145,8 +149,8 @@ private:
         std::shared_ptr<const std::function<void(Op)>> observer;
         {
             std::lock_guard lock(g_mutex);
-            observer = g_observer;
-            if (g_recorded.count(op) != 0) {
+            observer = g_plan.observer;
+            if (g_plan.recorded.count(op) != 0) {
                 journal::Write(journal::kCall, Name(op));
             }
         }
@@ -156,14 +160,14 @@ private:
             --t_inside;
         }
         std::lock_guard lock(g_mutex);
-        Plan &plan = g_plans[Index(op)];
+        Plan &plan = g_plan.single[Index(op)];
         if (Take(plan)) {
             result_ = plan.result;
             fails_ = true;
-        } else if (g_overallOps.count(op) != 0 && Take(g_overall)) {
+        } else if (g_plan.overallOps.count(op) != 0 && Take(g_plan.overall)) {
             fails_ = true;
         }
-        g_failed += fails_;
+        g_plan.failed += fails_;
     }
 
     bool nested_ = false;
@@ -196,30 +200,30 @@ const char *Name(Op op)
 void Fail(Op op, unsigned nth, std::optional<long long> result, unsigned times)
 {
     std::lock_guard lock(g_mutex);
-    g_plans[Index(op)] = {nth - 1, times, result};
-    g_failed = 0;
+    g_plan.single[Index(op)] = {nth - 1, times, result};
+    g_plan.failed = 0;
     g_active = true;
 }
 
 void FailOverall(unsigned nth, std::initializer_list<Op> operations)
 {
     std::lock_guard lock(g_mutex);
-    g_overallOps = operations;
+    g_plan.overallOps = operations;
     if (operations.size() == 0) {
         for (size_t op = 0; op < Index(Op::QOR_Epoll_EvtProc); ++op) {
-            g_overallOps.insert(static_cast<Op>(op));
+            g_plan.overallOps.insert(static_cast<Op>(op));
         }
-        g_overallOps.erase(Op::vsnprintf_s);
+        g_plan.overallOps.erase(Op::vsnprintf_s);
     }
-    g_overall = {nth - 1, 1, {}};
-    g_failed = 0;
+    g_plan.overall = {nth - 1, 1, {}};
+    g_plan.failed = 0;
     g_active = true;
 }
 
 unsigned Failed()
 {
     std::lock_guard lock(g_mutex);
-    return g_failed;
+    return g_plan.failed;
 }
 
 unsigned long Calls(Op op)
@@ -230,14 +234,14 @@ unsigned long Calls(Op op)
 void Record(std::initializer_list<Op> operations)
 {
     std::lock_guard lock(g_mutex);
-    g_recorded = operations;
+    g_plan.recorded = operations;
     g_active = true;
 }
 
 void Observe(std::function<void(Op)> observer)
 {
     std::lock_guard lock(g_mutex);
-    g_observer =
+    g_plan.observer =
         observer ? std::make_shared<const std::function<void(Op)>>(std::move(observer)) : nullptr;
     g_active = true;
 }
@@ -245,12 +249,7 @@ void Observe(std::function<void(Op)> observer)
 void Reset()
 {
     std::lock_guard lock(g_mutex);
-    g_plans = {};
-    g_overall = {};
-    g_overallOps.clear();
-    g_recorded.clear();
-    g_observer = nullptr;
-    g_failed = 0;
+    g_plan = {};
     g_active = false;
 }
 
@@ -261,7 +260,7 @@ namespace {
 
 std::mutex g_mutex;
 bool g_capture = false;
-std::vector<Timer> g_timers;
+auto &g_timers = *new std::vector<Timer>;
 
 /* Both: true when the timers are the test's. */
 bool Start(const Timer &timer)
@@ -281,7 +280,9 @@ bool Stop(ZIR_TimerHandle *handle, u32 *result)
         const bool known = *handle >= 1 && *handle <= g_timers.size();
         *result = known ? QOR_OK : QOR_FAIL;
         if (known) {
-            g_timers[*handle - 1].running = false;
+            Timer &timer = g_timers[*handle - 1];
+            timer.running = false;
+            journal::Write(journal::kCall, "stopped " + std::to_string(timer.periodMs));
             *handle = 0;
         }
     }

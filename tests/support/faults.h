@@ -117,7 +117,8 @@ struct Timer {
     bool running;
 };
 
-/* From now on started timers are kept here instead of being started. */
+/* From now on started timers are kept here instead of being started; stopping one is written to the
+   journal as a kCall entry with its period, "stopped 1000". */
 void Capture();
 std::vector<Timer> All();
 /* Runs, in start order, the callbacks of the running timers of that period. */

@@ -8,8 +8,9 @@
 namespace journal {
 namespace {
 
+// Never destroyed: a worker task may still write while the process exits.
 std::mutex g_mutex;
-std::vector<std::pair<Kind, std::string>> g_entries;
+auto &g_entries = *new std::vector<std::pair<Kind, std::string>>;
 
 } // namespace
 

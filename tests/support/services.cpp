@@ -198,6 +198,7 @@ u32 CreateInstance(void *, u32 interfaceId, void **out)
 {
     static std::map<u32, void *> objects;
     *out = nullptr;
+    Write(journal::kService, "interface " + std::to_string(interfaceId));
     void *table = TableOf(interfaceId);
     if (table == nullptr || Get().missing.count(interfaceId) != 0) {
         return QOR_FAIL;
@@ -216,7 +217,7 @@ u32 QueryFactory(void *, u32, void **)
 
 Fakes &Get()
 {
-    static Fakes fakes = WorkingFakes();
+    static Fakes &fakes = *new Fakes(WorkingFakes()); // outlives the worker task
     return fakes;
 }
 
@@ -241,12 +242,9 @@ void StartWorkingModule()
     journal::Clear();
 }
 
-std::vector<char> PatchRecord(const std::string &library)
+std::string PatchRecord(const std::string &library)
 {
-    std::vector<char> record(L2RES_PATCH_LIBRARY_OFFSET, 'x');
-    record.insert(record.end(), library.begin(), library.end());
-    record.push_back('\0');
-    return record;
+    return std::string(L2RES_PATCH_LIBRARY_OFFSET, 'x') + library;
 }
 
 } // namespace services

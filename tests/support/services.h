@@ -11,7 +11,8 @@
  *
  * Operations are written to the journal with their arguments:
  *     kLog, kBlackBox   see journal.h
- *     kService          "initPartition 45000 l2rsm", "getPartitionNumber 45000 l2rsm",
+ *     kService          "interface 1004" when the registry is asked for one,
+ *                       "initPartition 45000 l2rsm", "getPartitionNumber 45000 l2rsm",
  *                       "getSelfSlot", "dbg register QOR_L2RES",
  *                       "bbox register qor-l2rsm Forward manage l2res module"
  *     kAlarm            "getSysTime", "objCreate 5 157163554", "setAlarmComAttr H kind 1/255 time 2
@@ -68,8 +69,8 @@ u32 StartModule();
 /* StartModule with everything working, and an empty journal afterwards. */
 void StartWorkingModule();
 
-/* A description record of the platform's patch mechanism that names a library. */
-std::vector<char> PatchRecord(const std::string &library);
+/* A record of the platform's patch mechanism that names a library; its c_str() is the record. */
+std::string PatchRecord(const std::string &library);
 
 } // namespace services
 
