@@ -2,7 +2,8 @@
  * Hash tables of fixed-size nodes.
  *
  * Two structures over the same nodes. Buckets lead from a key to a node: each is a contiguous array
- * of node addresses. Slabs hold the nodes in memory order, with two bits per node: taken (not in
+ * of node addresses, and behind it an array of their keys' tags. A tag is made of the first bytes of
+ * a key; a search looks at the nodes with the right tag only, and so mostly at one. Slabs hold the nodes in memory order, with two bits per node: taken (not in
  * the free list) and live (in the table). An iteration follows the slabs, not the buckets: a node
  * keeps its place in its slab, so neither a removal nor an insertion can shift the nodes still to
  * come, and a walk over many nodes reads memory forwards.
@@ -23,7 +24,8 @@ namespace {
 constexpr u32 BITS = 64;            /* in a word of a slab's bit maps */
 constexpr u32 FIRST_SLAB = 16;      /* nodes of a table's first slab */
 constexpr u64 SLAB_BYTES = 0x10000; /* a slab does not grow beyond (or is a single node) */
-constexpr u32 PREFETCH = 8;         /* nodes ahead: about a cache miss at a nanosecond each */
+constexpr u32 TAGS = 8;             /* compared at once */
+constexpr u32 WALK_AHEAD = 8;       /* nodes an iteration fetches ahead */
 
 #if defined(__SANITIZE_ADDRESS__) || (defined(__clang__) && __has_feature(address_sanitizer))
 constexpr u32 NODE_GAP = 16; /* poisoned, so that writing beyond a node is found */
@@ -44,7 +46,7 @@ struct Slab {
 struct Bucket {
     union {
         void *single;
-        void **array;
+        void **array; /* `capacity` addresses, then as many tags */
     };
     u32 count;
     u32 capacity; /* of the array; 0: there is none */
@@ -58,6 +60,7 @@ struct Table {
     u32 stride; /* from one node to the next */
     u32 bucketCount;
     u8 partition;
+    bool hasTags; /* else all tags are 0, and a search looks at every node of its bucket */
 
     Slab *firstSlab;
     Slab *lastSlab;
@@ -247,9 +250,36 @@ bool isBuffer(Place place)
 
 /* ---- Buckets ---- */
 
+u16 tagOf(const Table *table, const void *key)
+{
+    if (!table->hasTags) {
+        return 0;
+    }
+    u64 head;
+    (void)memcpy(&head, key, sizeof(head));
+    return static_cast<u16>(head * 0x9E3779B97F4A7C15 >> 48);
+}
+
 void **entriesOf(Bucket *bucket)
 {
     return bucket->capacity == 0 ? &bucket->single : bucket->array;
+}
+
+u16 *tagsOf(const Bucket *bucket)
+{
+    return reinterpret_cast<u16 *>(bucket->array + bucket->capacity);
+}
+
+u64 arrayBytes(u32 capacity)
+{
+    return capacity * static_cast<u64>(sizeof(void *) + sizeof(u16));
+}
+
+void giveArray(Table *table, Bucket *bucket)
+{
+    if (bucket->capacity != 0) {
+        giveMemory(table, bucket->array, arrayBytes(bucket->capacity));
+    }
 }
 
 /* Room for one more entry; growth by half keeps what is unused small. */
@@ -258,52 +288,97 @@ bool reserveEntry(Table *table, Bucket *bucket)
     if (bucket->count < std::max(bucket->capacity, 1U)) {
         return true;
     }
-    const u32 capacity = bucket->count + bucket->count / 2 + 2;
-    auto *array = static_cast<void **>(takeMemory(table, capacity * sizeof(void *)));
-    if (array == nullptr) {
+    Bucket grown = *bucket;
+    grown.capacity = bucket->count + bucket->count / 2 + 2;
+    grown.array = static_cast<void **>(takeMemory(table, arrayBytes(grown.capacity)));
+    if (grown.array == nullptr) {
         return false;
     }
-    std::copy_n(entriesOf(bucket), bucket->count, array);
+    std::copy_n(entriesOf(bucket), bucket->count, grown.array);
     if (bucket->capacity != 0) {
-        giveMemory(table, bucket->array, bucket->capacity * sizeof(void *));
+        std::copy_n(tagsOf(bucket), bucket->count, tagsOf(&grown));
+    } else {
+        tagsOf(&grown)[0] = tagOf(table, bucket->single);
     }
-    bucket->array = array;
-    bucket->capacity = capacity;
+    giveArray(table, bucket);
+    *bucket = grown;
     return true;
 }
 
+void addEntry(const Table *table, Bucket *bucket, void *node)
+{
+    if (bucket->capacity != 0) {
+        tagsOf(bucket)[bucket->count] = tagOf(table, node);
+    }
+    entriesOf(bucket)[bucket->count++] = node;
+}
+
 /* The order within a bucket means nothing, so the last entry fills the gap. */
-void removeEntry(Table *table, Bucket *bucket, void **entry)
+void removeEntry(Table *table, Bucket *bucket, u32 index)
 {
-    *entry = entriesOf(bucket)[--bucket->count];
-    if (bucket->count == 0 && bucket->capacity != 0) {
-        giveMemory(table, bucket->array, bucket->capacity * sizeof(void *));
-        bucket->array = nullptr;
-        bucket->capacity = 0;
+    const u32 last = --bucket->count;
+    entriesOf(bucket)[index] = entriesOf(bucket)[last];
+    if (bucket->capacity != 0) {
+        tagsOf(bucket)[index] = tagsOf(bucket)[last];
+    }
+    if (last == 0) {
+        giveArray(table, bucket);
+        *bucket = Bucket{};
     }
 }
 
-Bucket *bucketOf(Table *table, const void *key)
+/* Whether one of the tags from here on is `tag`: a single comparison of the processor's. */
+bool anyTag(const u16 *tags, u16 tag)
 {
-    const u32 index = table->hash(key);
-    return index < table->bucketCount ? &table->buckets[index] : nullptr;
+    typedef u16 Vector __attribute__((vector_size(TAGS * sizeof(u16))));
+    Vector vector;
+    (void)memcpy(&vector, tags, sizeof(vector));
+    const auto equal = vector == tag;
+    u64 halves[2];
+    static_assert(sizeof(halves) == sizeof(equal));
+    (void)memcpy(halves, &equal, sizeof(halves));
+    return (halves[0] | halves[1]) != 0;
 }
 
-/* The bucket entry that leads to the node with that key, or null. */
-void **findEntry(const Table *table, Bucket *bucket, const void *key)
+/* The index of the entry for the node with that key, or the entry count when there is none. */
+u32 findEntry(const Table *table, Bucket *bucket, const void *key)
 {
-    const HASH_CompFunc compare = table->compare;
-    void **entries = entriesOf(bucket);
     const u32 count = bucket->count;
-    for (u32 i = 0; i < count; ++i) {
-        if (i + PREFETCH < count) {
-            __builtin_prefetch(entries[i + PREFETCH]);
+    if (bucket->capacity == 0) {
+        return count != 0 && table->compare(key, bucket->single) != 0 ? 0 : count;
+    }
+    const u16 tag = tagOf(table, key);
+    const u16 *tags = tagsOf(bucket);
+    for (u32 i = 0; i < count;) {
+        if (i + TAGS <= count && !anyTag(tags + i, tag)) {
+            i += TAGS;
+            continue;
         }
-        if (compare(key, entries[i]) != 0) {
-            return &entries[i];
+        for (const u32 end = std::min(i + TAGS, count); i < end; ++i) {
+            if (tags[i] == tag && table->compare(key, bucket->array[i]) != 0) {
+                return i;
+            }
         }
     }
-    return nullptr;
+    return count;
+}
+
+/* The bucket entry of a key. */
+struct Position {
+    Bucket *bucket;
+    u32 index;
+    bool found;
+};
+
+Position findKey(Table *table, const void *key)
+{
+    const u32 hash = table->hash(key);
+    if (hash >= table->bucketCount) {
+        return {nullptr, 0, false};
+    }
+    Bucket *bucket = &table->buckets[hash];
+    const u32 index = findEntry(table, bucket, key);
+    return {bucket, index, index < bucket->count};
 }
 
 } // namespace
@@ -311,10 +386,10 @@ void **findEntry(const Table *table, Bucket *bucket, const void *key)
 HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_HashFunc hash,
                            HASH_CompFunc compare, u32 option)
 {
-    (void)option;
     u32 memHandle;
     if (nodeSize == 0 || nodeSize > SLAB_BYTES || bucketCount == 0 || hash == nullptr ||
-        compare == nullptr || ZIR_HandleInitialize("qor-hash", &memHandle) != QOR_OK) {
+        compare == nullptr || option > HASH_ANY_KEY ||
+        ZIR_HandleInitialize("qor-hash", &memHandle) != QOR_OK) {
         return nullptr;
     }
     const u64 size = sizeof(Table) + (bucketCount - 1ULL) * sizeof(Bucket);
@@ -331,6 +406,7 @@ HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_Has
     table->stride = (nodeSize + NODE_GAP + 7) / 8 * 8;
     table->bucketCount = bucketCount;
     table->partition = partition;
+    table->hasTags = option != HASH_ANY_KEY && nodeSize >= sizeof(u64);
     table->stat.bytes = size;
     return table;
 }
@@ -376,11 +452,11 @@ u32 HASH_AddNode(HASH_Handle handle, const void *key, void *data, u32 option)
     if (!isBuffer(place)) {
         return QOR_FAIL;
     }
-    Bucket *bucket = bucketOf(table, key);
-    if (bucket == nullptr || !reserveEntry(table, bucket)) {
+    const u32 hash = table->hash(key);
+    if (hash >= table->bucketCount || !reserveEntry(table, &table->buckets[hash])) {
         return QOR_FAIL;
     }
-    entriesOf(bucket)[bucket->count++] = data;
+    addEntry(table, &table->buckets[hash], data);
     setBit(place.slab->live, place.index);
     --table->stat.buffers;
     ++table->stat.nodes;
@@ -393,9 +469,8 @@ void *HASH_FindElmtFromFirst(HASH_Handle handle, const void *key)
     if (table == nullptr || key == nullptr) {
         return nullptr;
     }
-    Bucket *bucket = bucketOf(table, key);
-    void **entry = bucket != nullptr ? findEntry(table, bucket, key) : nullptr;
-    return entry != nullptr ? *entry : nullptr;
+    const Position position = findKey(table, key);
+    return position.found ? entriesOf(position.bucket)[position.index] : nullptr;
 }
 
 u32 HASH_RemoveElmtByKey(HASH_Handle handle, const void *key)
@@ -404,14 +479,13 @@ u32 HASH_RemoveElmtByKey(HASH_Handle handle, const void *key)
     if (table == nullptr || key == nullptr) {
         return QOR_FAIL;
     }
-    Bucket *bucket = bucketOf(table, key);
-    void **entry = bucket != nullptr ? findEntry(table, bucket, key) : nullptr;
-    if (entry == nullptr) {
+    const Position position = findKey(table, key);
+    if (!position.found) {
         return QOR_FAIL;
     }
     /* `key` may be the node's own: it is not read any more from here on. */
-    const Place place = placeOf(table, *entry);
-    removeEntry(table, bucket, entry);
+    const Place place = placeOf(table, entriesOf(position.bucket)[position.index]);
+    removeEntry(table, position.bucket, position.index);
     clearBit(place.slab->live, place.index);
     giveNodeBack(table, place);
     --table->stat.nodes;
@@ -443,7 +517,10 @@ HASH_Element *HASH_GetNextNode(HASH_Handle handle)
             if (live != 0) {
                 const u32 found = index + static_cast<u32>(std::countr_zero(live));
                 table->cursorIndex = found + 1;
-                table->element.node = slab->nodes + static_cast<u64>(found) * table->stride;
+                unsigned char *node = slab->nodes + static_cast<u64>(found) * table->stride;
+                /* The end of a node to come: a walk looks at the bookkeeping behind the keys. */
+                __builtin_prefetch(node + static_cast<u64>(WALK_AHEAD) * table->stride - 1);
+                table->element.node = node;
                 return &table->element;
             }
             table->cursorIndex = (index / BITS + 1) * BITS;

@@ -22,7 +22,15 @@ typedef struct {
     void *node;
 } HASH_Element;
 
-/* Null: a null function, size or bucket count 0, no memory. option: 0. */
+/*
+ * A new table, or null: a null function, node size 0 or above 64 KB, bucket count 0, an unknown
+ * option, no memory.
+ *
+ * option 0: a key has at least 8 bytes, and keys that compare equal are equal in their first 8; the
+ * table tells most keys apart by these, without a call of `compare`. HASH_ANY_KEY: nothing is known
+ * of the keys but what `compare` says.
+ */
+enum { HASH_ANY_KEY = 1 };
 QOR_API HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_HashFunc hash,
                                    HASH_CompFunc compare, u32 option);
 
