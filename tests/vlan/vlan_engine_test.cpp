@@ -1,0 +1,146 @@
+/* The simulated engine's VLAN half: what it refuses, how it edits, and that its check can fail. */
+#include <gtest/gtest.h>
+
+#include "host/vlan_engine.h"
+#include "vlan/vlan_support.h"
+
+using host::VlanEngine;
+using host::VlanTag;
+using host::VlanTags;
+
+namespace {
+
+const host::VlanEntry kEntry = {100, 200, 5, 6};
+
+} // namespace
+
+TEST(VlanEngine, RefusesWhatMakesNoSense)
+{
+    std::string refusal;
+    VlanEngine engine([&](std::string_view line) { refusal = line; });
+    const auto info = [](u32 format, u32 edit = 0) { return vlan::Info(5, format, edit); };
+    const struct {
+        VlanEditInfo info;
+        u16 profile, command;
+        u32 flag;
+        const char *refusal;
+    } kRows[] = {
+        {info(2), 4, 1, 0x21, "it was never given that command"},
+        {info(2), 4, 1, 0x09, "it holds no such mapping"},
+        {info(2), 4, 1, 0x35, ""},
+        {info(2), 4, 1, 0x22, "never given"},
+        {info(2, 1), 4, 1, 0x21, "another one"},
+        {info(2, 1), 4, 1, 0x15, "still uses that command id"},
+        {info(3), 4, 1, 0x21, ""},
+        {info(4), 4, 1, 0x09, "it holds no such mapping"},
+        {info(2), 4, 1, 0x09, ""},
+        {info(2), 4, 1, 0x09, "it holds no such mapping"},
+        {info(3), 4, 1, 0x09, ""},
+        {info(2, 1), 4, 1, 0x15, ""},
+        {info(2, 1), 64, 1, 0x21, "out of range"},
+        {info(2, 1), 4, 128, 0x35, "out of range"},
+        {info(8, 1), 4, 1, 0x21, "out of range"},
+        {vlan::Info(5, 2, 0, 4), 4, 3, 0x35, "out of range"},
+        {info(2, 1), 4, 1, 0x01, "unknown command flag 0x01"},
+        {info(2, 1), 4, 1, 0x23, "unknown command flag 0x23"},
+        {info(2, 1), 4, 1, 0x29, "unknown command flag 0x29"},
+        {info(2, 1), 4, 1, 0x61, "unknown command flag 0x61"},
+    };
+    for (const auto &row : kRows) {
+        refusal.clear();
+        const u32 result = engine.program(&row.info, row.profile, row.command, row.flag);
+        EXPECT_EQ(result != 0, *row.refusal != '\0') << refusal;
+        EXPECT_EQ(refusal.empty(), result == 0);
+        EXPECT_NE(refusal.find(row.refusal), std::string::npos) << refusal;
+    }
+    EXPECT_TRUE(engine.mappings(1).empty());
+    EXPECT_NE(engine.program(nullptr, 4, 1, 0x35), 0u);
+}
+
+TEST(VlanEngine, EditsTags)
+{
+    const VlanTag c{0x8100, 10, 3}, s{0x88A8, 20, 4}, priority{0x8100, 0, 7};
+    const struct {
+        VlanTags tags;
+        u32 format;
+        VlanEditCommand edit; /* tags, priorities, TPID indices, TPID actions: outer, inner */
+        VlanTags after;
+    } kRows[] = {
+        {{}, 1, {1, 1, 2, 2, 1, 1, 2, 2}, {}},
+        {{}, 1, {2, 1, 2, 1, 1, 0, 2, 1}, {{0x88A8, 100, 5}}},
+        {{}, 1, {4, 2, 1, 2, 0, 3, 1, 2}, {{0x9200, 200, 6}}},
+        {{c}, 2, {2, 4, 1, 4, 1, 0, 2, 3}, {{0x88A8, 100, 3}, {0x8100, 10, 3}}},
+        {{c}, 2, {3, 1, 1, 1, 0, 0, 1, 1}, {}},
+        {{priority}, 3, {2, 1, 3, 1, 0, 0, 1, 1}, {{0x8100, 100, 0}}},
+        {{s}, 4, {4, 1, 4, 1, 0, 0, 4, 1}, {s}},
+        {{s, c}, 5, {3, 1, 1, 4, 0, 0, 1, 4}, {{0x88A8, 10, 4}}},
+        {{s, c}, 5, {4, 4, 4, 4, 0, 0, 4, 4}, {{0x8100, 10, 3}, {0x88A8, 20, 4}}},
+        {{s, c}, 5, {1, 3, 3, 1, 0, 0, 3, 1}, {{0x8100, 20, 0}}},
+        {{c, s}, 6, {1, 2, 1, 2, 0, 2, 1, 2}, {c, {0x9100, 200, 6}}},
+        {{s, c, c}, 7, {3, 3, 1, 1, 0, 0, 1, 1}, {c}},
+    };
+    for (const auto &row : kRows) {
+        VlanEngine engine([](std::string_view line) { ADD_FAILURE() << line; });
+        VlanEditInfo info = {5, row.format, 0, 0, 0, 0, 0, 0, 0, 0};
+        memcpy(&info.outerTag, &row.edit, sizeof(row.edit));
+        EXPECT_EQ(engine.program(&info, 4, 2, 0x36), 0u);
+        const auto passage = engine.send(2, 4, row.tags, kEntry);
+        EXPECT_EQ(passage.format, row.format);
+        EXPECT_EQ(passage.command, u16{2});
+        EXPECT_EQ(passage.tags, row.after) << "format " << row.format;
+        for (const auto &other :
+             {engine.send(1, 4, row.tags, kEntry), engine.send(2, 5, row.tags, kEntry)}) {
+            EXPECT_EQ(other.command, std::nullopt);
+            EXPECT_EQ(other.tags, row.tags);
+        }
+    }
+}
+
+TEST(VlanEngine, TheMappingProgrammedLastApplies)
+{
+    VlanEngine engine([](std::string_view line) { ADD_FAILURE() << line; });
+    const VlanEditInfo one = vlan::Info(5, 1, 0), two = vlan::Info(5, 1, 1);
+    const auto applied = [&] { return engine.send(2, 4, {}, kEntry).command.value_or(0); };
+    engine.program(&one, 4, 2, 0x36);
+    engine.program(&two, 4, 3, 0x36);
+    EXPECT_EQ(applied(), 3);
+    engine.program(&one, 4, 2, 0x22);
+    EXPECT_EQ(applied(), 2);
+    engine.program(&one, 4, 2, 0x0A);
+    EXPECT_EQ(applied(), 3);
+    engine.program(&two, 4, 3, 0x0A);
+    EXPECT_EQ(applied(), 0);
+}
+
+TEST(VlanEngine, CheckListsEachKindOfDifference)
+{
+    const VlanEditInfo info = vlan::Info(5, 2);
+    u32 profiles[64] = {};
+    VlanEditCommand commands[128] = {};
+    VlanEditMapping mappings[128] = {};
+    profiles[4] = 5;
+    commands[1] = vlan::CommandOf(info);
+    mappings[3] = {4, 2, 1};
+    VlanEngine engine([](std::string_view line) { ADD_FAILURE() << line; });
+    const auto check = [&] {
+        std::string all;
+        for (const std::string &line : engine.check(1, {profiles, commands, mappings})) {
+            all += line + "\n";
+        }
+        return all;
+    };
+    EXPECT_EQ(check(),
+              "ingress mapping entry 3 (profile 4, format 2, command 1) is not in the engine\n"
+              "ingress command 1 is not in the engine\n");
+    engine.program(&info, 4, 1, 0x35);
+    EXPECT_EQ(check(), "");
+    commands[1].innerTpid = 1;
+    EXPECT_EQ(check(), "ingress command 1 is another one in the engine\n");
+    commands[1].outerTag = profiles[4] = 0;
+    EXPECT_EQ(check(),
+              "ingress mapping entry 3 (profile 4, format 2, command 1) names a free profile\n"
+              "ingress mapping entry 3 (profile 4, format 2, command 1) names a free command\n");
+    mappings[3] = {};
+    EXPECT_EQ(check(),
+              "ingress engine mapping (profile 4, format 2, command 1) is booked nowhere\n");
+}
