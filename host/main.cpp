@@ -1,7 +1,169 @@
-#include <cstdio>
+/* l2rsm-host: loads the resource manager, gives it a device to live in and plays a scenario. */
+#include <unistd.h>
 
-int main()
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "host.h"
+#include "lua_api.h"
+
+using namespace host;
+
+/* ---- options ---- */
+
+static void addOptions(CLI::App &app, Options &options)
 {
-    std::fputs("l2rsm-host: nothing to play yet\n", stderr);
+    const std::vector<std::pair<std::string, u32>> levels = {
+        {"error", 2}, {"warning", 3}, {"info", 4}};
+    app.add_option("--module", options.module, "The module to load")->take_last();
+    app.add_option("--slot", options.services.slot, "Slot of the board")->take_last();
+    app.add_option("--speed", options.speed, "Play the device's time so many times as fast")
+        ->check(CLI::Range(1, 1000))
+        ->take_last();
+    app.add_option("--partition", options.services.partition, "Memory partition of the module")
+        ->check(CLI::Range(0, 254))
+        ->take_last();
+    app.add_option("--debug-log", options.services.debugLog, "Write the module's debug log here")
+        ->take_last();
+    app.add_option("--debug-level", options.services.debugLevel,
+                   "What the debug log keeps: error, warning or info")
+        ->transform(CLI::CheckedTransformer(levels))
+        ->take_last();
+    app.add_option("--black-box", options.services.blackBox, "Append events and errors here")
+        ->take_last();
+    app.add_flag("--trace", options.trace, "Print hooks, service operations and log lines, too");
+}
+
+/* A scenario's first line may hold the options it needs: "-- options: --speed 200". */
+static std::vector<std::string> scriptOptions(const std::string &script)
+{
+    std::ifstream file(script);
+    std::string line;
+    std::getline(file, line);
+    const std::string mark = "-- options:";
+    std::vector<std::string> words;
+    if (line.compare(0, mark.size(), mark) == 0) {
+        std::istringstream rest(line.substr(mark.size()));
+        for (std::string word; rest >> word;) {
+            words.push_back(word);
+        }
+    }
+    return words;
+}
+
+static void parseWords(CLI::App &app, std::vector<std::string> words)
+{
+    std::ranges::reverse(words); // as CLI11 wants them
+    app.parse(words);
+}
+
+static std::string defaultModule()
+{
+    const auto executable = std::filesystem::read_symlink("/proc/self/exe");
+    return (executable.parent_path() / "../lib/libqor_l2rsm.so").lexically_normal().string();
+}
+
+/* Throws CLI::ParseError; a problem in the script's own line is positioned there. */
+static Options parseOptions(int argc, char **argv)
+{
+    const auto parseCommandLine = [&](Options &options) {
+        CLI::App app("Plays a scenario with the layer-2 resource manager.", "l2rsm-host");
+        app.set_help_flag("-h,--help", "Print this help");
+        app.add_flag_callback(
+            "--manual",
+            [] {
+                writeManual(std::cout);
+                throw CLI::Success();
+            },
+            "Print the reference of the scenarios' functions");
+        app.add_option("SCENARIO", options.script, "Lua script to play")->required();
+        addOptions(app, options);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::CallForHelp &) {
+            std::cout << app.help();
+            throw CLI::Success();
+        }
+    };
+    // The command line comes first to find the script, and last to have the last word.
+    Options options;
+    options.module = defaultModule();
+    Options named = options;
+    parseCommandLine(named);
+    CLI::App own;
+    own.set_help_flag();
+    addOptions(own, options);
+    try {
+        parseWords(own, scriptOptions(named.script));
+    } catch (const CLI::ParseError &error) {
+        throw CLI::ParseError(named.script + ":1: " + error.what(), CLI::ExitCodes::BaseClass);
+    }
+    parseCommandLine(options);
+    return options;
+}
+
+/* ---- playing ---- */
+
+static void requireReadable(const std::string &script)
+{
+    if (std::filesystem::is_directory(script)) {
+        throw std::runtime_error(script + ": is a directory");
+    }
+    if (access(script.c_str(), R_OK) != 0) {
+        throw std::runtime_error(script + ": " + std::strerror(errno));
+    }
+}
+
+/* One line on standard error, after everything that was printed before it. */
+static int complain(const std::string &text)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s\n", text.c_str());
     return 1;
+}
+
+static int play(Host &device, const Options &options)
+{
+    int status = 0;
+    try {
+        requireReadable(options.script);
+        device.start(options);
+        device.scenario.play(options.script);
+        std::printf("scenario passed: %llu expectations\n", device.scenario.expectations());
+    } catch (const ScriptError &error) {
+        status = complain(error.what());
+    } catch (const std::exception &error) {
+        status = complain(std::string("l2rsm-host: ") + error.what());
+    }
+    const std::string failure = device.services.failure();
+    if (!failure.empty()) {
+        status = complain("l2rsm-host: " + failure);
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        status = complain(std::string("l2rsm-host: standard output: ") + std::strerror(errno));
+    }
+    return status;
+}
+
+int main(int argc, char **argv)
+{
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    Options options;
+    try {
+        options = parseOptions(argc, argv);
+    } catch (const CLI::Success &) {
+        return 0;
+    } catch (const CLI::ParseError &error) {
+        return complain(std::string("l2rsm-host: ") + error.what());
+    }
+    // Never deleted: the module's worker calls it until the process is gone.
+    static Host *const device = new Host;
+    return play(*device, options);
 }

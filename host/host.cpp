@@ -1,0 +1,21 @@
+#include "host.h"
+
+#include "zir_timer.h"
+
+namespace host {
+
+void Host::start(const Options &options)
+{
+    journal.attach(printer, {Kind::call, Kind::notify, Kind::result, Kind::alarm, Kind::text});
+    if (options.trace) {
+        journal.attach(printer, {Kind::hook, Kind::service, Kind::log});
+    }
+    // The timers of phase 2 run at the speed that is set when they are started.
+    clock.setSpeed(options.speed);
+    ZIR_TimerSetSpeed(options.speed);
+    services.start(options.services);
+    module.start(options.module);
+    engine.lendHooks(module.table());
+}
+
+} // namespace host

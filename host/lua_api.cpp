@@ -1,0 +1,81 @@
+#include "lua_api.h"
+
+#include <limits>
+#include <ostream>
+
+namespace host {
+
+const std::vector<Function> &allFunctions()
+{
+    // Never freed: closures in the interpreter point to the rows.
+    static const auto *const all = [] {
+        auto *rows = new std::vector<Function>;
+        for (const auto &part : {tokenFunctions(), engineFunctions(), hostFunctions()}) {
+            rows->insert(rows->end(), part.begin(), part.end());
+        }
+        return rows;
+    }();
+    return *all;
+}
+
+/* ---- the manual ---- */
+
+static std::string typeText(const Param &param)
+{
+    switch (param.type) {
+    case Param::Type::integer:
+        return param.max == std::numeric_limits<u64>::max() ? "0..2^64-1"
+                                                            : "0.." + std::to_string(param.max);
+    case Param::Type::number:
+        return "number";
+    case Param::Type::text:
+        return "text";
+    case Param::Type::boolean:
+        return "true, false";
+    case Param::Type::choice: {
+        std::string text;
+        for (const Choice &choice : param.choices) {
+            text += (text.empty() ? "" : ", ") + std::string("\"") + choice.name + "\"";
+        }
+        return text + (param.orNumber ? ", or 0.." + std::to_string(param.max) : "");
+    }
+    case Param::Type::function:
+        return "function";
+    case Param::Type::table:
+        return "table";
+    case Param::Type::any:
+        return "any value";
+    }
+    return "";
+}
+
+static std::string signature(const Function &function)
+{
+    std::string text = function.fullName();
+    if (function.style == Style::named) {
+        return text + "{...}";
+    }
+    text += "(";
+    for (const Param &param : function.params) {
+        text += (text.back() == '(' ? "" : ", ") + param.name;
+    }
+    return text + ")";
+}
+
+void writeManual(std::ostream &out)
+{
+    for (const Function &function : allFunctions()) {
+        out << "### `" << signature(function) << "`\n\n" << function.help << "\n\n";
+        if (!function.params.empty()) {
+            out << "| Field | Value | | Meaning |\n|---|---|---|---|\n";
+        }
+        for (const Param &param : function.params) {
+            out << "| `" << param.name << "` | " << typeText(param) << " | "
+                << (param.required ? "required" : "") << " | " << param.help << " |\n";
+        }
+        out << (function.params.empty() ? "" : "\n")
+            << (*function.returns == '\0' ? "" : "Returns " + std::string(function.returns) + ".\n\n");
+    }
+}
+
+} // namespace host

@@ -1,0 +1,188 @@
+#include "notifications.h"
+
+#include <array>
+#include <cstring>
+#include <utility>
+
+namespace host {
+
+static Notifications *s_notifications; // callbacks carry no context; there is one scenario
+
+const char *tableName(u32 table)
+{
+    static const char *const names[] = {"icib", "ecib", "none", "ipat", "lem", "sem"};
+    return table < std::size(names) ? names[table] : "?";
+}
+
+/* ---- the callbacks, one a table and service ---- */
+
+constexpr u32 SERVICES = L2RES_SERVICE_COUNT;
+constexpr u32 CELLS = L2RES_TABLE_COUNT * SERVICES;
+
+template <std::size_t Cell> static u32 cellCallback(u32 event, void *record, void *data)
+{
+    return s_notifications->arrive(Cell / SERVICES, Cell % SERVICES, event, record, data);
+}
+
+template <std::size_t... Cell>
+static constexpr std::array<L2ResNotifyCallback, CELLS>
+makeCallbacks(std::index_sequence<Cell...>)
+{
+    return {&cellCallback<Cell>...};
+}
+
+L2ResNotifyCallback Notifications::callback(u32 table, u32 service)
+{
+    static constexpr auto callbacks = makeCallbacks(std::make_index_sequence<CELLS>());
+    const bool known = table < L2RES_TABLE_COUNT && service < L2RES_SERVICE_COUNT;
+    return callbacks[known ? table * SERVICES + service : 0];
+}
+
+/* ---- data ---- */
+
+std::string packData(std::string_view data)
+{
+    const u16 length = static_cast<u16>(data.size());
+    std::string packed(sizeof length, '\0');
+    std::memcpy(packed.data(), &length, sizeof length);
+    return packed.append(data);
+}
+
+static std::string unpackData(const void *packed)
+{
+    u16 length = 0;
+    std::memcpy(&length, packed, sizeof length);
+    return std::string(static_cast<const char *>(packed) + sizeof length, length);
+}
+
+/* ---- copying ---- */
+
+static void copyWaiters(const L2ResWaitList &list, u32 service, const void *data,
+                        std::vector<Waiter> &waiters)
+{
+    // What lies behind the notified service's own entry may be changing under us.
+    for (const L2ResWaiter &entry : list.entry) {
+        waiters.push_back({entry.srvType, entry.op});
+        if (entry.srvType == service && entry.data == data) {
+            break;
+        }
+    }
+}
+
+Notification Notifications::copy(u32 table, u32 service, u32 event, const void *record,
+                                 const void *data)
+{
+    Notification out{.table = table, .service = service, .event = event};
+    if (record != nullptr && table == L2RES_TABLE_ICIB) {
+        const auto &icib = *static_cast<const L2ResIcibReOpRecord *>(record);
+        out.key = icib.key;
+        copyWaiters(icib.waiters, service, data, out.waiters);
+    } else if (record != nullptr && table == L2RES_TABLE_IPAT) {
+        const auto &ipat = *static_cast<const L2ResIpatReOpRecord *>(record);
+        out.key = ipat.key;
+        copyWaiters(ipat.waiters, service, data, out.waiters);
+    }
+    if (data != nullptr) {
+        out.data = unpackData(data);
+    }
+    return out;
+}
+
+std::vector<Field> keyFields(const L2ResIcibKey &key)
+{
+    constexpr auto quiet = Field::Show::unlessEmpty;
+    return {{"keytype", key.keyType, quiet},     {"port", key.GlobalPort, quiet},
+            {"vsi", key.Vsi, quiet},             {"attr1", key.keyAttr1, quiet},
+            {"outvlan", key.OutVlan, quiet},     {"attr2", key.keyAttr2, quiet},
+            {"innervlan", key.InnerVlan, quiet}, {"attr3", key.keyAttr3, quiet},
+            {"pri", key.Pri, quiet},             {"vdc", key.Vdc, quiet}};
+}
+
+std::vector<Field> keyFields(const L2ResIpatKey &key)
+{
+    return {{"unit", key.unit}, {"port", key.port}};
+}
+
+u64 Notifications::announce(const Notification &notification)
+{
+    std::vector<Field> fields = {
+        {"event", notification.event == L2RES_EVENT_ENTRY_FREE ? "free" : "idle"},
+        {"table", tableName(notification.table)},
+        {"service", notification.service}};
+    const auto add = [&](const std::vector<Field> &more) {
+        fields.insert(fields.end(), more.begin(), more.end());
+    };
+    if (const auto *icib = std::get_if<L2ResIcibKey>(&notification.key)) {
+        add(keyFields(*icib));
+    } else if (const auto *ipat = std::get_if<L2ResIpatKey>(&notification.key)) {
+        add(keyFields(*ipat));
+    }
+    if (notification.data) {
+        fields.push_back({"data", std::string_view(*notification.data)});
+    }
+    return journal_.write(Kind::notify, "notify", std::span<const Field>(fields));
+}
+
+/* ---- arrival ---- */
+
+Notifications::Notifications(Journal &journal, Handler handler)
+    : journal_(journal), handler_(std::move(handler))
+{
+    s_notifications = this;
+}
+
+u32 Notifications::arrive(u32 table, u32 service, u32 event, void *record, void *data)
+{
+    ++intercepted_;
+    if (intercepting_) {
+        const u32 result = interceptor_(table, service, event, record, data);
+        --intercepted_;
+        return result;
+    }
+    --intercepted_;
+    Notification notification = copy(table, service, event, record, data);
+    const u64 number = announce(notification);
+    u32 result = QOR_OK;
+    if (std::this_thread::get_id() == scenarioThread_) {
+        result = handler_(notification);
+    } else {
+        std::lock_guard lock(mutex_);
+        queue_.push_back(std::move(notification));
+        arrived_.notify_one();
+    }
+    journal_.writeResult(number, "notify", result, "");
+    return result;
+}
+
+std::optional<Notification> Notifications::take()
+{
+    std::lock_guard lock(mutex_);
+    if (queue_.empty()) {
+        return std::nullopt;
+    }
+    Notification first = std::move(queue_.front());
+    queue_.pop_front();
+    return first;
+}
+
+void Notifications::waitUntil(std::chrono::steady_clock::time_point time)
+{
+    std::unique_lock lock(mutex_);
+    arrived_.wait_until(lock, time, [this] { return !queue_.empty(); });
+}
+
+void Notifications::intercept(Interceptor interceptor)
+{
+    interceptor_ = std::move(interceptor);
+    intercepting_ = true;
+}
+
+void Notifications::stopIntercepting()
+{
+    intercepting_ = false;
+    while (intercepted_ != 0) {
+        std::this_thread::yield();
+    }
+}
+
+} // namespace host

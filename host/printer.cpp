@@ -1,0 +1,142 @@
+#include "printer.h"
+
+#include <cstdio>
+
+namespace host {
+
+std::string quoted(std::string_view text)
+{
+    std::string out = "\"";
+    for (char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (byte < 0x20 || byte == 0x7F) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\x%02x", byte);
+            out += escape;
+        } else {
+            out += c;
+        }
+    }
+    return out + '"';
+}
+
+/* Words stand as they are: op=add, but data="cfg-7". */
+static std::string formatValue(const Field &field)
+{
+    if (const u64 *number = std::get_if<u64>(&field.value)) {
+        return std::to_string(*number);
+    }
+    const auto text = std::get<std::string_view>(field.value);
+    const bool word = field.name != "data" && field.name != "text" && !text.empty() &&
+                      text.find_first_of(" \"\\\n\t") == std::string_view::npos;
+    return word ? std::string(text) : quoted(text);
+}
+
+static bool isEmpty(const Field &field)
+{
+    const u64 *number = std::get_if<u64>(&field.value);
+    return number ? *number == 0 : std::get<std::string_view>(field.value).empty();
+}
+
+std::string formatFields(std::span<const Field> fields)
+{
+    std::string out;
+    for (const Field &field : fields) {
+        if (field.show == Field::Show::always || !isEmpty(field)) {
+            out += " " + std::string(field.name) + "=" + formatValue(field);
+        }
+    }
+    return out;
+}
+
+static std::string formatResult(const Event &event)
+{
+    std::string out = " -> " + std::to_string(event.code);
+    if (!event.meaning.empty()) {
+        out += " " + std::string(event.meaning);
+    }
+    return out;
+}
+
+bool Printer::wants(Kind kind) const
+{
+    // A result is needed in quiet, too, while a call waits for it.
+    return quiet_ == 0 || kind == Kind::alarm || (kind == Kind::result && open_ != 0);
+}
+
+void Printer::on(const Event &event)
+{
+    if (!wants(event.kind)) {
+        return;
+    }
+    Stack &stack = stacks_[event.thread];
+    const std::string text = std::string(event.name) + formatFields(event.fields);
+    switch (event.kind) {
+    case Kind::call:
+    case Kind::notify:
+        open(event, stack);
+        break;
+    case Kind::result:
+        close(event, stack);
+        break;
+    case Kind::text: // whole lines already
+        printOpen(event.at, stack);
+        print(event.at, stack.size(), text);
+        break;
+    case Kind::alarm:
+        printOpen(event.at, stack);
+        print(event.at, stack.size(), "ALARM " + text);
+        break;
+    case Kind::hook:
+    case Kind::service:
+    case Kind::log:
+    case Kind::count:
+        printOpen(event.at, stack);
+        print(event.at, stack.size(), "(" + text + formatResult(event) + ")");
+        break;
+    }
+}
+
+void Printer::open(const Event &event, Stack &stack)
+{
+    printOpen(event.at, stack);
+    std::string line = std::string(event.name) + formatFields(event.fields);
+    if (event.thread != 1) {
+        line += " (on " + Journal::threadName() + ")";
+    }
+    stack.push_back({event.number, std::move(line)});
+    ++open_;
+}
+
+void Printer::close(const Event &event, Stack &stack)
+{
+    if (stack.empty() || stack.back().number != event.number) {
+        return; // the call was made in quiet
+    }
+    const Open call = std::move(stack.back());
+    stack.pop_back();
+    --open_;
+    if (quiet_ == 0) {
+        print(event.at, stack.size(),
+              (call.printed ? "= " + std::string(event.name) : call.line) + formatResult(event));
+    }
+}
+
+void Printer::printOpen(DeviceTime at, Stack &stack)
+{
+    if (!stack.empty() && !stack.back().printed) {
+        stack.back().printed = true;
+        print(at, stack.size() - 1, stack.back().line);
+    }
+}
+
+void Printer::print(DeviceTime at, std::size_t depth, const std::string &line)
+{
+    const std::string text = "[" + formatTime(at) + "] " + std::string(2 * depth, ' ') + line + "\n";
+    std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+} // namespace host

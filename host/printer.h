@@ -1,0 +1,69 @@
+/* The sink that tells a person at the terminal what happens, one line an event. */
+#ifndef HOST_PRINTER_H
+#define HOST_PRINTER_H
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "journal.h"
+
+namespace host {
+
+/*
+ * A call and its result share a line unless something happens in between; then the call's line
+ * comes first, what happened is indented under it and the result closes it.
+ */
+class Printer : public Sink
+{
+public:
+    void on(const Event &event) override;
+    bool wants(Kind kind) const override;
+
+    /* While a Quiet lives, nothing is printed but alarms. */
+    class Quiet
+    {
+    public:
+        explicit Quiet(Printer &printer) : printer_(printer)
+        {
+            ++printer_.quiet_;
+        }
+        ~Quiet()
+        {
+            --printer_.quiet_;
+        }
+        Quiet(const Quiet &) = delete;
+        Quiet &operator=(const Quiet &) = delete;
+
+    private:
+        Printer &printer_;
+    };
+
+private:
+    struct Open {
+        u64 number;
+        std::string line;
+        bool printed = false;
+    };
+    using Stack = std::vector<Open>;
+
+    void open(const Event &event, Stack &stack);
+    void close(const Event &event, Stack &stack);
+    void print(DeviceTime at, std::size_t depth, const std::string &line);
+    void printOpen(DeviceTime at, Stack &stack);
+
+    std::map<unsigned, Stack> stacks_; // by thread
+    std::atomic<int> quiet_ = 0;
+    std::atomic<int> open_ = 0; // calls in all stacks
+};
+
+/* "text" with what a terminal cannot show escaped, in double quotes. */
+std::string quoted(std::string_view text);
+
+/* " service=1 outvlan=100" */
+std::string formatFields(std::span<const Field> fields);
+
+} // namespace host
+
+#endif
