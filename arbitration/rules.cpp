@@ -60,6 +60,7 @@ u32 JudgeAdd(const L2ResOpRecord *req, const L2ResOpRecord *holder, L2ResVerdict
 {
     if (!SameType(req, holder)) {
         if (!Newer(req, holder)) {
+            verdict->OpCode = L2RES_OP_NONE;
             return AddError(L2RES_LOG_ERROR, req);
         }
         MustWait(verdict);

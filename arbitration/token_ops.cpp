@@ -48,9 +48,38 @@ bool RecordWait(const CommonTable &table, const L2ResTokenReq &req, u32 srvType,
 {
     u32 serial = 0;
     if (AppendWaiter(table, req.key, record, req.data, req.dataLen, srvType, &serial) != QOR_OK) {
-        return true; // answered like a recorded one, but nobody will be notified
+        // Answered like a recorded one although nobody will be notified, but not if the entry has
+        // been freed meanwhile.
+        return !ReleasedSince(table, req.key, holder);
     }
     return !ReleasedSince(table, req.key, holder) || !TakeBackWaiter(table, req.key, serial);
+}
+
+// Stores and waits as judged. False: another thread overtook the request; judge it again.
+bool CarryOut(const CommonTable &table, const HandlerRow &row, const L2ResTokenReq &req,
+              u32 srvType, Judgement *judgement, Holder *holder)
+{
+    for (;;) {
+        if (judgement->verdict.IsOp == 1 &&
+            ReplaceJudged(table, req.key, judgement->record, holder) == Replacement::overtaken) {
+            return false;
+        }
+        if (judgement->verdict.IsReOp != 1) {
+            return true;
+        }
+        if (RecordWait(table, req, srvType, judgement->record, *holder)) {
+            judgement->ret = row.waitChangesResult ? u32{L2RES_TOKEN_WAIT} : judgement->ret;
+            return true;
+        }
+        if (judgement->verdict.IsOp != 1) {
+            return false;
+        }
+        // Stored and waiting: nobody held the entry, so what was released is the request's own
+        // record. If it is still there the request waits again; judged against itself it would pass
+        // for a repeat and wait for nothing.
+        holder->exists = true;
+        holder->record = judgement->record;
+    }
 }
 
 } // namespace
@@ -72,20 +101,10 @@ u32 HandleRequest(const CommonTable &table, u32 opType, u32 srvType, const L2Res
         if (row.checksUsage) { // calls a hook and the alarm services: no lock held
             (void)QorL2ResExceedCheckAndAlarm(L2RES_ALARM_ICIB_PP);
         }
-        if (judgement.verdict.IsOp == 1 &&
-            ReplaceJudged(table, req->key, judgement.record, &holder) == Replacement::overtaken) {
-            continue;
+        if (CarryOut(table, row, *req, srvType, &judgement, &holder)) {
+            row.closed(judgement.verdict, judgement.ret);
+            return judgement.ret;
         }
-        if (judgement.verdict.IsReOp == 1) {
-            if (!RecordWait(table, *req, srvType, judgement.record, holder)) {
-                continue;
-            }
-            if (row.waitChangesResult) {
-                judgement.ret = L2RES_TOKEN_WAIT;
-            }
-        }
-        row.closed(judgement.verdict, judgement.ret);
-        return judgement.ret;
     }
 }
 

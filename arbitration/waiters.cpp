@@ -45,6 +45,8 @@ void *SearchWaitNode(const CommonTable &table, const void *key) QOR_NO_THREAD_SA
 
 namespace {
 
+constexpr u32 kHandedOut = 0; // serial of an entry that has been notified
+
 struct Request {
     const void *key;
     const L2ResOpRecord *record;
@@ -75,14 +77,23 @@ void FreeData(void **copy)
     }
 }
 
-void FillEntry(const CommonTable &table, L2ResWaitList *list, const Request &request, void *copy)
-    QOR_REQUIRES(*table.waitMutex)
+// Writes the record into the place behind the valid entries; the entry is not valid yet.
+void StartEntry(L2ResWaitList *list, const Request &request)
 {
     L2ResWaiter &entry = list->entry[list->reOpNum];
     (void)memcpy_s(&entry.op, sizeof entry.op, request.record, sizeof *request.record);
+}
+
+void CompleteEntry(const CommonTable &table, L2ResWaitList *list, const Request &request,
+                   void *copy) QOR_REQUIRES(*table.waitMutex)
+{
+    L2ResWaiter &entry = list->entry[list->reOpNum];
     entry.data = copy;
     entry.srvType = request.srvType;
-    entry.serial = ++*table.lastSerial;
+    if (++*table.lastSerial == kHandedOut) {
+        ++*table.lastSerial;
+    }
+    entry.serial = *table.lastSerial;
     ++list->reOpNum;
 }
 
@@ -92,6 +103,7 @@ u32 AppendToNode(const CommonTable &table, L2ResWaitList *list, const Request &r
     if (list->reOpNum >= L2RES_WAITERS_MAX) {
         return QOR_FAIL;
     }
+    StartEntry(list, request);
     void *copy = nullptr;
     const u32 ret = CopyData(request, &copy);
     if (ret != QOR_OK) {
@@ -99,7 +111,7 @@ u32 AppendToNode(const CommonTable &table, L2ResWaitList *list, const Request &r
         FreeData(&copy);
         return ret;
     }
-    FillEntry(table, list, request, copy);
+    CompleteEntry(table, list, request, copy);
     return QOR_OK;
 }
 
@@ -114,6 +126,8 @@ u32 AddNode(const CommonTable &table, const Request &request, const char **failu
     }
     (void)memset_s(node, table.waitNodeSize, 0, table.waitNodeSize);
     (void)memcpy_s(node, table.waitNodeSize, request.key, table.keySize);
+    L2ResWaitList *list = ListOf(table, node);
+    StartEntry(list, request);
     void *copy = nullptr;
     if (CopyData(request, &copy) != QOR_OK) {
         if (copy == nullptr) {
@@ -122,8 +136,7 @@ u32 AddNode(const CommonTable &table, const Request &request, const char **failu
         }
         *failure = table.lines.firstFailed;
     }
-    L2ResWaitList *list = ListOf(table, node);
-    FillEntry(table, list, request, copy);
+    CompleteEntry(table, list, request, copy);
     list->walkCountdown = table.walkCountdown;
     if (HASH_AddNode(*table.waitHash, node, node, 0) != QOR_OK) {
         FreeData(&copy);
@@ -223,10 +236,12 @@ bool TakeBackWaiter(const CommonTable &table, const void *key, u32 serial)
 
 namespace {
 
-// Marks entry i as handed out and copies it, so that it can be used with the mutex free.
+// Marks entry i as handed out and copies it, so that it can be used with the mutex free. Without its
+// serial it cannot be taken back even when the release leaves it in the list.
 inline L2ResWaiter Claim(L2ResWaitList *list, u16 i)
 {
     list->claimed = static_cast<u16>(i + 1);
+    list->entry[i].serial = kHandedOut;
     return list->entry[i];
 }
 
