@@ -28,14 +28,15 @@ struct Row {
 
 const Row kRows[] = {
     {0, 0, 0, 581,
-     "The number of ICIB_PP entries exceeded the specification of the forwarding engine "
-     "resources."},
+     "The number of ICIB_PP entries "
+     "exceeded the specification of the forwarding engine resources."},
     {1, 1, 1, 587,
      "The number of ECIB entries exceeded the specification of the forwarding engine resources, or "
      "a hash conflict occurred during delivery of ECIB entries to the chip."},
     {2, 1, 2, 588,
-     "The number of ECIB_EXT entries exceeded the specification of the forwarding engine "
-     "resources, or a hash conflict occurred during delivery of ECIB_EXT entries to the chip."},
+     "The number of ECIB_EXT entries "
+     "exceeded the specification of the forwarding engine resources, "
+     "or a hash conflict occurred during delivery of ECIB_EXT entries to the chip."},
     {4, 4, 4, 170,
      "The number of LEM entries exceeded the specification of the forwarding engine resources"},
     {5, 5, 5, 583,
