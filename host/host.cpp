@@ -10,11 +10,16 @@ void Host::start(const Options &options)
     if (options.trace) {
         journal.attach(printer, {Kind::hook, Kind::service, Kind::log});
     }
+    journal.attach(logCapture, {Kind::log});
     // The timers of phase 2 run at the speed that is set when they are started.
     clock.setSpeed(options.speed);
     ZIR_TimerSetSpeed(options.speed);
     services.start(options.services);
     module.start(options.module);
+    engine.setVlanTranslation(
+        [this](const VlanEditInfo &info, u16 profileId, u16 commandId, u32 flag) {
+            return vlanEngine.program(&info, profileId, commandId, flag);
+        });
     engine.lendHooks(module.table());
 }
 

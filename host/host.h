@@ -11,11 +11,13 @@
 
 #include "engine.h"
 #include "journal.h"
+#include "log_capture.h"
 #include "module.h"
 #include "notifications.h"
 #include "printer.h"
 #include "scenario.h"
 #include "services.h"
+#include "vlan_engine.h"
 
 namespace host {
 
@@ -33,6 +35,8 @@ struct Host {
     Printer printer;
     Services services{journal};
     Engine engine{journal};
+    VlanEngine vlanEngine{[this](std::string_view line) { journal.write(Kind::text, line, {}); }};
+    LogCapture logCapture;
     Module module{journal};
     Scenario scenario{*this};
     Notifications notifications{journal, [this](const Notification &n) { return scenario.handle(n); }};

@@ -16,6 +16,7 @@ namespace host {
 
 std::vector<Function> tokenFunctions();  // icib, ipat, ecib, notify, on
 std::vector<Function> engineFunctions(); // engine, alarm
+std::vector<Function> vlanFunctions();   // vlan, engine
 std::vector<Function> hostFunctions();   // host, expect, print
 
 const std::vector<Function> &allFunctions();

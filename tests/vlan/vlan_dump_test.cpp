@@ -77,15 +77,15 @@ const Row kRows[] = {
      {"[L2RSM]IveCmd: cmd:0, o/iTag:0/0, oTpid/Act:0/0, iTpid/Act:0/9, o/iPri:0/0; ",
       "cmd:127, o/iTag:1/2, oTpid/Act:0/2, iTpid/Act:1/3, o/iPri:3/4; "}},
     {"a command beside the header, 119", /* 15 + 104 */
-     [] { g_iveEditCommandInfo[1] = {k10, k10, 1, 1, k10, 12345, k10, 12345}; },
+     [] { g_iveEditCommandInfo[1] = {k10, k10, 1, 1, k10, 1234, k10, 12345}; },
      QorL2ResPrintVlanEditCmdRes,
      {"[L2RSM]IveCmd: cmd:1, o/iTag:1234567890/1234567890, oTpid/Act:1234567890/1234567890, "
-      "iTpid/Act:12345/12345, o/iPri:1/1; "}},
+      "iTpid/Act:1234/12345, o/iPri:1/1; "}},
     {"a command beside the header, one more",
-     [] { g_iveEditCommandInfo[1] = {k10, k10, 1, 1, k10, 12345, k10, 123456}; },
+     [] { g_iveEditCommandInfo[1] = {k10, k10, 1, 1, k10, 12345, k10, 12345}; },
      QorL2ResPrintVlanEditCmdRes,
      {"[L2RSM]IveCmd: ", "cmd:1, o/iTag:1234567890/1234567890, oTpid/Act:1234567890/1234567890, "
-                         "iTpid/Act:12345/123456, o/iPri:1/1; "}},
+                         "iTpid/Act:12345/12345, o/iPri:1/1; "}},
     {"an item cut at 119",
      [] { g_iveEditCommandInfo[127] = {k10, k10, k10, k9, k10, k10, k10, k10}; },
      QorL2ResPrintVlanEditCmdRes,
