@@ -1,0 +1,293 @@
+#include <algorithm>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "hash_table.h"
+#include "zir_memory.h"
+
+namespace {
+
+constexpr u8 PARTITION = 9;
+
+/* `dirt` stands for padding: not part of the key's identity. */
+struct Key {
+    u64 head;
+    u32 tail;
+    u32 dirt;
+};
+
+struct Node {
+    Key key;
+    u64 value;
+};
+
+u32 g_buckets;
+
+u32 hashKey(const void *key)
+{
+    return static_cast<u32>(static_cast<const Key *>(key)->tail % g_buckets);
+}
+
+u32 hashBeyond(const void *)
+{
+    return g_buckets;
+}
+
+u32 compareKeys(const void *a, const void *b)
+{
+    const auto *left = static_cast<const Key *>(a);
+    const auto *right = static_cast<const Key *>(b);
+    return left->head == right->head && left->tail == right->tail ? 1 : 0;
+}
+
+HASH_Handle create(u32 buckets, u32 option = 0)
+{
+    g_buckets = buckets;
+    HASH_Handle table =
+        HASH_CreateNew(PARTITION, sizeof(Node), buckets, hashKey, compareKeys, option);
+    EXPECT_NE(table, nullptr);
+    return table;
+}
+
+Node *newNode(HASH_Handle table, u64 head, u32 tail, u64 value = 0)
+{
+    auto *node = static_cast<Node *>(HASH_NewData(table, 0));
+    if (node != nullptr) {
+        *node = {{head, tail, static_cast<u32>(value)}, value};
+    }
+    return node;
+}
+
+Node *add(HASH_Handle table, u64 head, u32 tail, u64 value = 0)
+{
+    Node *node = newNode(table, head, tail, value);
+    EXPECT_EQ(HASH_AddNode(table, node, node, 0), 0U);
+    return node;
+}
+
+void deleteAndExpectNothingLeft(HASH_Handle table)
+{
+    HASH_DeleteHash(&table);
+    EXPECT_EQ(table, nullptr);
+    ZIR_PartitionStat stat;
+    ZIR_PartitionGetStat(PARTITION, &stat);
+    EXPECT_EQ(stat.liveBlocks, 0U);
+    EXPECT_EQ(stat.liveBytes, 0U);
+}
+
+using Model = std::map<std::pair<u64, u32>, Node *>;
+
+void expectSame(HASH_Handle table, const Model &model, u64 buffers)
+{
+    HASH_Stat stat;
+    HASH_GetStat(table, &stat);
+    ZIR_PartitionStat memory;
+    ZIR_PartitionGetStat(PARTITION, &memory);
+    EXPECT_EQ(stat.nodes, model.size());
+    EXPECT_EQ(stat.buffers, buffers);
+    EXPECT_EQ(stat.bytes, memory.liveBytes);
+
+    std::vector<Node *> met;
+    for (HASH_Element *e = HASH_GetFirstNode(table); e != nullptr; e = HASH_GetNextNode(table)) {
+        met.push_back(static_cast<Node *>(e->node));
+    }
+    std::vector<Node *> expected;
+    for (const auto &[key, node] : model) {
+        expected.push_back(node);
+        EXPECT_EQ(node->value, key.first * 1000 + key.second);
+    }
+    std::sort(met.begin(), met.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(met, expected);
+}
+
+/* Few heads, so that tags collide; one bucket, few and many. */
+TEST(HashTableTest, BehavesAsAMap)
+{
+    std::mt19937 generator(20240517);
+    const auto pick = [&](u32 count) { return static_cast<u32>(generator() % count); };
+    for (const auto &[buckets, option, tails] : {std::tuple{1U, 0U, 40U},
+                                                 {1U, u32{HASH_ANY_KEY}, 40U},
+                                                 {7U, 0U, 300U},
+                                                 {1024U, 0U, 700U}}) {
+        HASH_Handle table = create(buckets, option);
+        Model model;
+        std::vector<Node *> buffers;
+        for (u32 step = 0; step < 20000; ++step) {
+            const u64 head = pick(5);
+            const u32 tail = pick(tails);
+            const Key key = {head, tail, pick(3)};
+            const auto known = model.find({head, tail});
+            /* Phases of growth and of decline. */
+            const bool grows = step / 2000 % 2 == 0;
+            switch (pick(grows ? 4 : 7)) {
+            case 0:
+                ASSERT_EQ(HASH_FindElmtFromFirst(table, &key),
+                          known != model.end() ? known->second : nullptr);
+                break;
+            case 1:
+                buffers.push_back(newNode(table, head, tail));
+                break;
+            case 2:
+            case 3:
+                if (known == model.end()) {
+                    model[{head, tail}] = add(table, head, tail, head * 1000 + tail);
+                }
+                break;
+            default:
+                ASSERT_EQ(HASH_RemoveElmtByKey(table, &key), known != model.end() ? 0U : 1U);
+                if (known != model.end()) {
+                    model.erase(known);
+                }
+            }
+            if (buffers.size() > 20) {
+                HASH_FreeData(table, buffers[step % 20]);
+                buffers.erase(buffers.begin() + step % 20);
+            }
+            if (step % 500 == 0) {
+                expectSame(table, model, buffers.size());
+            }
+        }
+        expectSame(table, model, buffers.size());
+        deleteAndExpectNothingLeft(table);
+    }
+}
+
+/*
+ * A table of six nodes: at each step of the iteration each subset is removed, and some nodes are
+ * added. What was there and stays must be met exactly once.
+ */
+TEST(HashTableTest, IterationToleratesRemovalAndInsertion)
+{
+    constexpr u32 NODES = 6;
+    for (u32 added : {0U, 40U}) {
+        for (u32 buckets : {1U, 4U}) {
+            for (u32 subset = 0; subset < 1U << NODES; ++subset) {
+                for (u32 step = 0; step < NODES; ++step) {
+                    HASH_Handle table = create(buckets);
+                    for (u32 i = 0; i < NODES; ++i) {
+                        add(table, 0, i);
+                    }
+                    std::map<u32, u32> met;
+                    u32 current = 0;
+                    for (HASH_Element *e = HASH_GetFirstNode(table); e != nullptr;
+                         e = HASH_GetNextNode(table), ++current) {
+                        ++met[static_cast<Node *>(e->node)->key.tail];
+                        for (u32 i = 0; current == step && i < NODES; ++i) {
+                            const Key key = {0, i, 1};
+                            if ((subset >> i & 1) != 0) {
+                                EXPECT_EQ(HASH_RemoveElmtByKey(table, &key), 0U);
+                            }
+                        }
+                        for (u32 i = 0; current == step && i < added; ++i) {
+                            add(table, 0, NODES + i);
+                        }
+                        ASSERT_LE(current, NODES + added);
+                    }
+                    u32 original = 0;
+                    for (const auto &[tail, times] : met) {
+                        ASSERT_EQ(times, 1U);
+                        original += tail < NODES ? 1 : 0;
+                    }
+                    u32 goneUnmet = 0;
+                    for (u32 i = 0; i < NODES; ++i) {
+                        goneUnmet += (subset >> i & 1) != 0 && met.count(i) == 0 ? 1 : 0;
+                    }
+                    ASSERT_EQ(original, NODES - goneUnmet)
+                        << "subset " << subset << " step " << step;
+                    HASH_DeleteHash(&table);
+                    ASSERT_EQ(HASH_GetNextNode(table), nullptr);
+                }
+            }
+        }
+    }
+}
+
+TEST(HashTableTest, RefusesBadArguments)
+{
+    g_buckets = 8;
+    EXPECT_EQ(HASH_CreateNew(PARTITION, 0, 8, hashKey, compareKeys, 0), nullptr);
+    EXPECT_EQ(HASH_CreateNew(PARTITION, 16, 0, hashKey, compareKeys, 0), nullptr);
+    EXPECT_EQ(HASH_CreateNew(PARTITION, 16, 8, nullptr, compareKeys, 0), nullptr);
+    EXPECT_EQ(HASH_CreateNew(PARTITION, 16, 8, hashKey, nullptr, 0), nullptr);
+    EXPECT_EQ(HASH_CreateNew(PARTITION, 16, 8, hashKey, compareKeys, 2), nullptr);
+
+    Key key = {1, 2, 3};
+    HASH_Stat stat = {1, 1, 1};
+    EXPECT_EQ(HASH_NewData(nullptr, 0), nullptr);
+    HASH_FreeData(nullptr, &key);
+    EXPECT_EQ(HASH_AddNode(nullptr, &key, &key, 0), 1U);
+    EXPECT_EQ(HASH_FindElmtFromFirst(nullptr, &key), nullptr);
+    EXPECT_EQ(HASH_RemoveElmtByKey(nullptr, &key), 1U);
+    EXPECT_EQ(HASH_GetFirstNode(nullptr), nullptr);
+    EXPECT_EQ(HASH_GetNextNode(nullptr), nullptr);
+    HASH_DeleteHash(nullptr);
+    HASH_GetStat(nullptr, &stat);
+    EXPECT_EQ(stat.nodes + stat.buffers + stat.bytes, 0U);
+
+    HASH_Handle table = create(8);
+    Node *node = add(table, 1, 2);
+    Node *buffer = newNode(table, 5, 5);
+    Node foreign = {};
+    EXPECT_EQ(HASH_FindElmtFromFirst(table, nullptr), nullptr);
+    EXPECT_EQ(HASH_RemoveElmtByKey(table, nullptr), 1U);
+    EXPECT_EQ(HASH_AddNode(table, nullptr, buffer, 0), 1U);
+    EXPECT_EQ(HASH_AddNode(table, buffer, nullptr, 0), 1U);
+    EXPECT_EQ(HASH_AddNode(table, &foreign, &foreign, 0), 1U) << "not of this table";
+    EXPECT_EQ(HASH_AddNode(table, node, node, 0), 1U) << "in the table already";
+    /* Given back twice, still in the table, or not a buffer at all: left alone. */
+    HASH_FreeData(table, buffer);
+    HASH_FreeData(table, buffer);
+    HASH_FreeData(table, node);
+    HASH_FreeData(table, reinterpret_cast<char *>(node) + 8);
+    HASH_FreeData(table, &foreign);
+    HASH_FreeData(table, nullptr);
+    EXPECT_EQ(HASH_FindElmtFromFirst(table, &node->key), node);
+    EXPECT_NE(newNode(table, 6, 6), newNode(table, 7, 7));
+    deleteAndExpectNothingLeft(table);
+
+    table = HASH_CreateNew(PARTITION, sizeof(Node), 8, hashBeyond, compareKeys, 0);
+    node = newNode(table, 1, 1);
+    EXPECT_EQ(HASH_AddNode(table, node, node, 0), 1U);
+    EXPECT_EQ(HASH_FindElmtFromFirst(table, node), nullptr);
+    EXPECT_EQ(HASH_RemoveElmtByKey(table, node), 1U);
+    deleteAndExpectNothingLeft(table);
+}
+
+/* Wherever the partition's limit strikes, the table stays whole and the buffer its taker's. */
+TEST(HashTableTest, SurvivesLackOfMemory)
+{
+    for (u64 limit = 0x100; limit < 0x3000; limit += 0x90) {
+        ZIR_PartitionSetLimit(PARTITION, limit);
+        g_buckets = 4;
+        HASH_Handle table = HASH_CreateNew(PARTITION, sizeof(Node), 4, hashKey, compareKeys, 0);
+        Model model;
+        u64 kept = 0;
+        for (u32 i = 0; table != nullptr && i < 400; ++i) {
+            Node *node = newNode(table, i % 3, i, i % 3 * 1000 + i);
+            if (node == nullptr) {
+                break;
+            }
+            if (HASH_AddNode(table, node, node, 0) == 0) {
+                model[{i % 3, i}] = node;
+            } else if (kept < 3) {
+                ++kept; /* still a buffer, still writable */
+                node->value = 1;
+            } else {
+                HASH_FreeData(table, node);
+            }
+        }
+        if (table != nullptr) {
+            expectSame(table, model, kept);
+        }
+        ZIR_PartitionSetLimit(PARTITION, 0);
+        HASH_DeleteHash(&table);
+    }
+    HASH_Handle table = create(1);
+    deleteAndExpectNothingLeft(table);
+}
+
+} // namespace

@@ -1,0 +1,193 @@
+#include <condition_variable>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zir_memory.h"
+
+namespace {
+
+constexpr u8 PARTITION = 7;
+
+u32 newHandle(const char *name = "test")
+{
+    u32 handle = 0;
+    EXPECT_EQ(ZIR_HandleInitialize(name, &handle), 0U);
+    return handle;
+}
+
+void expectLive(u8 partition, u64 blocks, u64 bytes)
+{
+    ZIR_PartitionStat stat;
+    ZIR_PartitionGetStat(partition, &stat);
+    EXPECT_EQ(stat.liveBlocks, blocks);
+    EXPECT_EQ(stat.liveBytes, bytes);
+}
+
+TEST(MemoryTest, BlocksAreAlignedApartAndCounted)
+{
+    const u32 handle = newHandle();
+    std::vector<std::pair<unsigned char *, u64>> blocks;
+    u64 bytes = 0;
+    for (u64 size : {1, 15, 16, 17, 56, 368, 1007, 1008, 1009, 5000, 200000}) {
+        for (int i = 0; i < 50; ++i) {
+            auto *block = static_cast<unsigned char *>(ZIR_MemAlloc(handle, PARTITION, size));
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(reinterpret_cast<u64>(block) % 16, 0U);
+            memset(block, static_cast<int>(blocks.size() % 251), size);
+            blocks.emplace_back(block, size);
+            bytes += size;
+        }
+    }
+    expectLive(PARTITION, blocks.size(), bytes);
+    expectLive(PARTITION + 1, 0, 0);
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        const auto [block, size] = blocks[i];
+        EXPECT_EQ(block[0], i % 251);
+        EXPECT_EQ(memcmp(block, block + size / 2, size - size / 2), 0) << "block " << i;
+        EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
+    }
+    expectLive(PARTITION, 0, 0);
+}
+
+TEST(MemoryTest, RefusesWhatItDoesNotKnow)
+{
+    const u32 handle = newHandle();
+    alignas(16) unsigned char foreign[64] = {};
+    auto *block = static_cast<unsigned char *>(ZIR_MemAlloc(handle, PARTITION, 100));
+    memset(block, 0, 100);
+    for (u32 unknown : {0U, handle + 1, 0xFFFFFFFFU}) {
+        EXPECT_EQ(ZIR_MemAlloc(unknown, PARTITION, 16), nullptr);
+        EXPECT_EQ(ZIR_MemFree(unknown, block), 1U);
+    }
+    for (u64 size : {0ULL, (1ULL << 32) + 1, ~0ULL}) {
+        EXPECT_EQ(ZIR_MemAlloc(handle, PARTITION, size), nullptr) << size;
+    }
+    for (void *address : {static_cast<void *>(nullptr), static_cast<void *>(block + 8),
+                          static_cast<void *>(block + 16), static_cast<void *>(foreign + 16)}) {
+        EXPECT_EQ(ZIR_MemFree(handle, address), 1U);
+    }
+    expectLive(PARTITION, 1, 100);
+    EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
+    EXPECT_EQ(ZIR_MemFree(handle, block), 1U) << "freed twice";
+    expectLive(PARTITION, 0, 0);
+}
+
+TEST(MemoryTest, HandlesAreByName)
+{
+    const u32 first = newHandle("l2");
+    EXPECT_EQ(newHandle("l2"), first);
+    EXPECT_NE(newHandle("l3"), first);
+    u32 handle = 77;
+    EXPECT_EQ(ZIR_HandleInitialize(nullptr, &handle), 1U);
+    EXPECT_EQ(ZIR_HandleInitialize("l2", nullptr), 1U);
+    EXPECT_EQ(ZIR_HandleInitialize(std::string(64, 'x').c_str(), &handle), 1U);
+    u32 created = 2;
+    while (ZIR_HandleInitialize(std::to_string(created).c_str(), &handle) == 0) {
+        ASSERT_LE(++created, 256U);
+    }
+    EXPECT_EQ(created, 256U);
+    EXPECT_EQ(newHandle("l2"), first);
+}
+
+TEST(MemoryTest, LimitBoundsLiveBytes)
+{
+    const u32 handle = newHandle();
+    void *early = ZIR_MemAlloc(handle, PARTITION, 300);
+    ZIR_PartitionSetLimit(PARTITION, 1000);
+    void *second = ZIR_MemAlloc(handle, PARTITION, 700);
+    EXPECT_NE(second, nullptr) << "exactly the limit";
+    EXPECT_EQ(ZIR_MemAlloc(handle, PARTITION, 1), nullptr);
+    EXPECT_EQ(ZIR_MemAlloc(handle, PARTITION, 1ULL << 31), nullptr);
+    expectLive(PARTITION, 2, 1000);
+    EXPECT_EQ(ZIR_MemFree(handle, early), 0U);
+    EXPECT_EQ(ZIR_MemFree(handle, second), 0U);
+
+    /* Four threads race for the last bytes; together they get what there is. */
+    std::mutex mutex;
+    std::vector<void *> taken;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            while (void *block = ZIR_MemAlloc(handle, PARTITION, 10)) {
+                const std::lock_guard lock(mutex);
+                taken.push_back(block);
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(taken.size(), 100U);
+    ZIR_PartitionSetLimit(PARTITION, 0);
+    taken.push_back(ZIR_MemAlloc(handle, PARTITION, 10));
+    for (void *block : taken) {
+        EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
+    }
+    expectLive(PARTITION, 0, 0);
+}
+
+TEST(MemoryTest, BlocksFreedByOtherThreadsAreCountedOnce)
+{
+    const u32 handle = newHandle();
+    constexpr u32 BLOCKS = 5000;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<u32 *> handedOver;
+    u32 producing = 2;
+    u32 wrong = 0;
+
+    std::vector<std::thread> threads;
+    for (u32 producer = 0; producer < 2; ++producer) {
+        threads.emplace_back([&, producer] {
+            for (u32 i = 0; i < BLOCKS; ++i) {
+                auto *block = static_cast<u32 *>(ZIR_MemAlloc(handle, PARTITION, 8 + i % 40 * 16));
+                block[0] = producer;
+                block[1] = ~producer;
+                const std::lock_guard lock(mutex);
+                handedOver.push_back(block);
+                changed.notify_one();
+            }
+            const std::lock_guard lock(mutex);
+            --producing;
+            changed.notify_all();
+        });
+    }
+    for (u32 consumer = 0; consumer < 2; ++consumer) {
+        threads.emplace_back([&] {
+            std::unique_lock lock(mutex);
+            for (;;) {
+                changed.wait(lock, [&] { return !handedOver.empty() || producing == 0; });
+                if (handedOver.empty()) {
+                    return;
+                }
+                u32 *block = handedOver.back();
+                handedOver.pop_back();
+                lock.unlock();
+                const bool isWrong = block[1] != ~block[0] || ZIR_MemFree(handle, block) != 0;
+                lock.lock();
+                wrong += isWrong ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong, 0U);
+    expectLive(PARTITION, 0, 0);
+}
+
+TEST(MemoryTest, Compares)
+{
+    EXPECT_LT(ZIR_MemCmp("abc", "abd", 3), 0);
+    EXPECT_EQ(ZIR_MemCmp("abc", "abd", 2), 0);
+    EXPECT_EQ(ZIR_MemCmp("abc", nullptr, 0), 0);
+    EXPECT_EQ(ZIR_MemCmp(nullptr, nullptr, 4), 0);
+    EXPECT_LT(ZIR_MemCmp(nullptr, "a", 1), 0);
+    EXPECT_GT(ZIR_MemCmp("a", nullptr, 1), 0);
+}
+
+} // namespace
