@@ -42,8 +42,7 @@ struct Counts {
     u32 result = 0; // of the hook; anything but 0 makes the module ignore the counts
 };
 
-class Engine
-{
+class Engine {
 public:
     using VlanTranslation =
         std::function<u32(const VlanEditInfo &info, u16 profileId, u16 commandId, u32 flag)>;

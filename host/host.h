@@ -39,7 +39,8 @@ struct Host {
     LogCapture logCapture;
     Module module{journal};
     Scenario scenario{*this};
-    Notifications notifications{journal, [this](const Notification &n) { return scenario.handle(n); }};
+    Notifications notifications{journal,
+                                [this](const Notification &n) { return scenario.handle(n); }};
 
     /* Starts services and module and lends the hooks. Throws with a reason. */
     void start(const Options &options);

@@ -30,8 +30,7 @@ namespace host {
 using DeviceTime = std::chrono::microseconds; // since the device's start
 
 /* The device's time: real time since the host's start, played `speed` times as fast. */
-class Clock
-{
+class Clock {
 public:
     void setSpeed(u32 speed); // before anything reads the clock
     DeviceTime now() const;
@@ -73,12 +72,11 @@ struct Event {
     unsigned thread; // 1 the scenario's, others in the order of their first event
     std::string_view name;
     std::span<const Field> fields;
-    u32 code = 0;                 // results, hooks, services
+    u32 code = 0;                  // results, hooks, services
     std::string_view meaning = ""; // of the code, in words
 };
 
-class Sink
-{
+class Sink {
 public:
     virtual ~Sink() = default;
     virtual void on(const Event &event) = 0;
@@ -89,8 +87,7 @@ public:
     }
 };
 
-class Journal
-{
+class Journal {
 public:
     explicit Journal(const Clock &clock) : clock_(clock)
     {

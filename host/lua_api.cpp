@@ -75,7 +75,8 @@ void writeManual(std::ostream &out)
                 << (param.required ? "required" : "") << " | " << param.help << " |\n";
         }
         out << (function.params.empty() ? "" : "\n")
-            << (*function.returns == '\0' ? "" : "Returns " + std::string(function.returns) + ".\n\n");
+            << (*function.returns == '\0' ? ""
+                                          : "Returns " + std::string(function.returns) + ".\n\n");
     }
 }
 

@@ -425,8 +425,7 @@ static Values readArguments(lua_State *L, const Function &function)
 /* Runs the row; true with *results, or false with the error text on the stack. */
 static bool runFunction(lua_State *L, int *results)
 {
-    const auto &function =
-        *static_cast<const Function *>(lua_touserdata(L, lua_upvalueindex(1)));
+    const auto &function = *static_cast<const Function *>(lua_touserdata(L, lua_upvalueindex(1)));
     Host &host = *static_cast<Host *>(lua_touserdata(L, lua_upvalueindex(2)));
     std::string complaint;
     try {

@@ -57,10 +57,10 @@ struct Param {
     Type type;
     std::string help;
     bool required = true;
-    u64 max = 0;                 // integer: 0..max; choice: the same, where numbers are taken, too
-    std::size_t maxLength = 0;   // text: in bytes
+    u64 max = 0;               // integer: 0..max; choice: the same, where numbers are taken, too
+    std::size_t maxLength = 0; // text: in bytes
     std::vector<Choice> choices{}; // choice: by name
-    bool orNumber = false;       // choice: a number will do
+    bool orNumber = false;         // choice: a number will do
 
     /* The same parameter, but the script may leave it out. */
     Param optional() const
@@ -75,8 +75,8 @@ namespace param {
 Param u8(const char *name, const char *help);
 Param u16(const char *name, const char *help);
 Param u32(const char *name, const char *help);
-Param u64(const char *name, const char *help); // above 2^63-1: as a text, "18446744073709551615"
-Param number(const char *name, const char *help);  // not negative, with fraction
+Param u64(const char *name, const char *help);    // above 2^63-1: as a text, "18446744073709551615"
+Param number(const char *name, const char *help); // not negative, with fraction
 Param text(const char *name, const char *help, std::size_t maxLength = 65533);
 Param boolean(const char *name, const char *help);
 Param choice(const char *name, const char *help, std::vector<Choice> choices);
@@ -87,8 +87,7 @@ Param any(const char *name, const char *help);   // the body reads it from the s
 } // namespace param
 
 /* Checked values of a parameter list, read by name. A name that is not in the list is a bug. */
-class Values
-{
+class Values {
 public:
     bool has(std::string_view name) const;
 
@@ -149,8 +148,8 @@ struct Function {
     const char *name;
     Style style;
     std::vector<Param> params;
-    const char *help;    // one sentence
-    const char *returns; // the results, "" when there are none
+    const char *help;        // one sentence
+    const char *returns;     // the results, "" when there are none
     int (*body)(Call &call); // returns the number of results
 
     std::string fullName() const;

@@ -53,6 +53,7 @@ static int engineGet(Call &call)
 static int alarmList(Call &call)
 {
     const bool all = call.args.boolean("all");
+    call.host.journal.write(Kind::text, "alarm.list", {});
     lua_newtable(call.L);
     lua_Integer count = 0;
     for (const Alarm &alarm : call.host.services.alarms()) {
@@ -70,15 +71,14 @@ static int alarmList(Call &call)
         setField(call.L, "text", std::string_view(alarm.text));
         setField(call.L, "raised", static_cast<u64>(alarm.raised));
         lua_rawseti(call.L, -2, ++count);
-        call.host.journal.write(Kind::text, alarm.on ? "alarm on: " : "alarm off:",
-                                {{"table", table},
-                                 {"slot", std::string_view(alarm.slot)},
-                                 {"threshold", alarm.threshold},
+        const std::string line = std::string("  ") + table + (alarm.on ? " on: " : " off: ");
+        call.host.journal.write(Kind::text, line + alarm.slot,
+                                {{"threshold", alarm.threshold},
                                  {"raised", alarm.raised},
                                  {"since", std::string_view(since)}});
     }
     if (count == 0) {
-        call.host.journal.write(Kind::text, "no alarm is on", {});
+        call.host.journal.write(Kind::text, "  none", {});
     }
     return call.pushed();
 }
@@ -92,23 +92,38 @@ std::vector<Function> engineFunctions()
 {
     const Param table = param::choice("table", "engine table", tableChoices());
     return {
-        {"engine", "set", Style::named,
+        {"engine",
+         "set",
+         Style::named,
          {table, param::u32("total", "entries in all; as before when left out").optional(),
           param::u32("used", "entries in use; as before when left out").optional(),
           param::u32("idle", "entries free; total - used when left out").optional(),
           param::u32("result", "of the count hook; not 0: the module ignores the counts")
               .optional()},
-         "Sets what the table's count hook reports.", "", engineSet},
-        {"engine", "get", Style::named, {table}, "What the table's count hook reports.",
-         "{total, used, idle, result}", engineGet},
-        {"alarm", "list", Style::named,
+         "Sets what the table's count hook reports.",
+         "",
+         engineSet},
+        {"engine",
+         "get",
+         Style::named,
+         {table},
+         "What the table's count hook reports.",
+         "{total, used, idle, result}",
+         engineGet},
+        {"alarm",
+         "list",
+         Style::named,
          {param::boolean("all", "true: those that are off, too").optional()},
          "The alarms that are on, by code; `raised` counts the raises since an alarm came on.",
-         "{{table, on, code, slot, threshold, text, raised}, ...}", alarmList},
-        {"alarm", "check", Style::named,
+         "{{table, on, code, slot, threshold, text, raised}, ...}",
+         alarmList},
+        {"alarm",
+         "check",
+         Style::named,
          {param::choiceOrU32("type", "alarm type", tableChoices())},
          "Has the module check the table and raise its alarm when it is full.",
-         "code: 1 when the type is unknown or the raise failed", alarmCheck},
+         "code: 1 when the type is unknown or the raise failed",
+         alarmCheck},
     };
 }
 

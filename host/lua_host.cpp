@@ -11,8 +11,7 @@ namespace host {
 
 static DeviceTime later(const Host &host, double seconds)
 {
-    return host.clock.now() +
-           DeviceTime(static_cast<DeviceTime::rep>(std::llround(seconds * 1e6)));
+    return host.clock.now() + DeviceTime(static_cast<DeviceTime::rep>(std::llround(seconds * 1e6)));
 }
 
 static double seconds(DeviceTime time)
@@ -71,8 +70,7 @@ static int hostWaitFor(Call &call)
         } else if (event == "notify") {
             done = [&host, before] { return host.scenario.delivered() != before; };
         } else {
-            throw ScriptError(
-                "host.wait_for: what must be a function, \"notify\" or \"alarm\"");
+            throw ScriptError("host.wait_for: what must be a function, \"notify\" or \"alarm\"");
         }
     }
     return call.push(host.scenario.wait(later(host, call.args.number("timeout")), done));
@@ -204,25 +202,43 @@ static int expect(Call &call)
 std::vector<Function> hostFunctions()
 {
     return {
-        {"host", "time", Style::positional, {}, "The device's time since its start.",
-         "seconds", hostTime},
-        {"host", "wait", Style::positional,
+        {"host",
+         "time",
+         Style::positional,
+         {},
+         "The device's time since its start.",
+         "seconds",
+         hostTime},
+        {"host",
+         "wait",
+         Style::positional,
          {param::number("seconds", "device time to wait")},
-         "Lets the device's time pass; handlers run as notifications come.", "", hostWait},
-        {"host", "wait_for", Style::positional,
+         "Lets the device's time pass; handlers run as notifications come.",
+         "",
+         hostWait},
+        {"host",
+         "wait_for",
+         Style::positional,
          {param::any("what", "a function that returns true when it has come, \"notify\" or "
                              "\"alarm\" for the next of its kind"),
           param::number("timeout", "device seconds to wait at most")},
-         "Waits for something to happen.", "whether it did", hostWaitFor},
-        {"host", "patch", Style::positional,
-         {param::choice("operation", "what the patch mechanism does",
-                        {{"activate", L2RES_PATCH_ACTIVATE},
-                         {"deactivate", L2RES_PATCH_DEACTIVATE}}),
+         "Waits for something to happen.",
+         "whether it did",
+         hostWaitFor},
+        {"host",
+         "patch",
+         Style::positional,
+         {param::choice(
+              "operation", "what the patch mechanism does",
+              {{"activate", L2RES_PATCH_ACTIVATE}, {"deactivate", L2RES_PATCH_DEACTIVATE}}),
           param::text("library", "library the patch is for; \"libqor_l2rsm.so\" when left out", 114)
               .optional()},
          "Calls the module's hot-patch synchronisation hook.",
-         "code, handled: whether the module took it for its own", hostPatch},
-        {"host", "stress", Style::named,
+         "code, handled: whether the module took it for its own",
+         hostPatch},
+        {"host",
+         "stress",
+         Style::named,
          {param::u32("clients", "threads, 1..8; 4 when left out").optional(),
           param::u32("operations", "of each client; 10000 when left out").optional(),
           param::u32("keys", "entries they compete for in each table, 1..256; 8 when left out")
@@ -231,11 +247,15 @@ std::vector<Function> hostFunctions()
          "Clients on threads of their own compete for ICIB and IPAT entries, also from within "
          "their callbacks; fails when an entry is granted twice, a waiter is lost or memory is "
          "not given back.",
-         "a table of what was counted", hostStress},
-        {"", "expect", Style::positional,
+         "a table of what was counted",
+         hostStress},
+        {"",
+         "expect",
+         Style::positional,
          {param::any("value", "what came"), param::any("wanted", "what should have come"),
           param::text("what", "named in the complaint").optional()},
-         "Fails the scenario unless the two are equal; tables are compared by content.", "",
+         "Fails the scenario unless the two are equal; tables are compared by content.",
+         "",
          expect},
     };
 }

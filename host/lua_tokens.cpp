@@ -97,10 +97,9 @@ static void pushQueryEntry(Call &call, const L2ResQueryEntry &entry)
     setField(call.L, "fwd", static_cast<u64>(entry.servicename));
     setField(call.L, "op", std::string_view(opName(entry.optype)));
     setField(call.L, "stamp", static_cast<u64>(entry.time));
-    call.host.journal.write(Kind::text, entry.iswaiting ? "  waiting:" : "  holder: ",
-                            {{"fwd", entry.servicename},
-                             {"op", opName(entry.optype)},
-                             {"stamp", entry.time}});
+    call.host.journal.write(
+        Kind::text, entry.iswaiting ? "  waiting:" : "  holder: ",
+        {{"fwd", entry.servicename}, {"op", opName(entry.optype)}, {"stamp", entry.time}});
 }
 
 static int icibShow(Call &call)
@@ -172,29 +171,41 @@ static void addTokenRows(std::vector<Function> &rows, const char *topic,
 std::vector<Function> tokenFunctions()
 {
     std::vector<Function> rows;
-    rows.push_back({"icib", "register", Style::named, {s_service},
-                    "Registers a service for the ICIB table.", "code",
+    rows.push_back({"icib",
+                    "register",
+                    Style::named,
+                    {s_service},
+                    "Registers a service for the ICIB table.",
+                    "code",
                     registerService<&Module::icibRegister>});
     addTokenRows<TokenTable::icib>(rows, "icib", s_icibKey);
     rows.push_back({"icib", "free", Style::named, join({s_service, s_freedOp}, s_icibKey),
                     "Frees a token and notifies the entry's waiters.",
-                    "code: 0, or 1 when the entry has no record",
-                    freeToken<TokenTable::icib>});
+                    "code: 0, or 1 when the entry has no record", freeToken<TokenTable::icib>});
     rows.push_back({"icib", "show", Style::named, s_icibKey,
                     "Who holds the entry and who waits for it.",
-                    "{holder={fwd, op, stamp} or nil, waiters={{fwd, op, stamp}, ...}}",
-                    icibShow});
-    rows.push_back({"ipat", "register", Style::named, {s_service},
-                    "Registers a service for the IPAT table.", "code",
+                    "{holder={fwd, op, stamp} or nil, waiters={{fwd, op, stamp}, ...}}", icibShow});
+    rows.push_back({"ipat",
+                    "register",
+                    Style::named,
+                    {s_service},
+                    "Registers a service for the IPAT table.",
+                    "code",
                     registerService<&Module::ipatRegister>});
     addTokenRows<TokenTable::ipat>(rows, "ipat", s_ipatKey);
     rows.push_back({"ipat", "free", Style::named, join({s_service, s_freedOp}, s_ipatKey),
                     "Removes the entry's record and notifies its waiters.",
                     "code: of the last notification, or 0", freeToken<TokenTable::ipat>});
-    rows.push_back({"ecib", "register", Style::named, {s_service},
-                    "Registers a service for the ECIB table.", "code",
+    rows.push_back({"ecib",
+                    "register",
+                    Style::named,
+                    {s_service},
+                    "Registers a service for the ECIB table.",
+                    "code",
                     registerService<&Module::ecibRegister>});
-    rows.push_back({"notify", "register", Style::named,
+    rows.push_back({"notify",
+                    "register",
+                    Style::named,
                     {param::choiceOrU32("table", "table to be told about",
                                         {{"icib", L2RES_TABLE_ICIB},
                                          {"ecib", L2RES_TABLE_ECIB},
@@ -202,13 +213,17 @@ std::vector<Function> tokenFunctions()
                                          {"lem", L2RES_TABLE_LEM},
                                          {"sem", L2RES_TABLE_SEM}}),
                      s_service},
-                    "Registers a service for any table.", "code", notifyRegister});
-    rows.push_back({"on", "notify", Style::positional,
-                    {s_service,
-                     param::function("handler", "function(event, record, data, table)")},
+                    "Registers a service for any table.",
+                    "code",
+                    notifyRegister});
+    rows.push_back({"on",
+                    "notify",
+                    Style::positional,
+                    {s_service, param::function("handler", "function(event, record, data, table)")},
                     "What the service does when it is notified; an integer it returns goes back "
                     "to the module.",
-                    "", onNotify});
+                    "",
+                    onNotify});
     return rows;
 }
 

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "comp_registry.h"
+#include "engine.h"
 #include "notifications.h"
 
 namespace host {
@@ -152,8 +153,8 @@ static std::vector<Field> requestFields(const TokenRequest &request, bool get)
         fields.push_back({"fwd", request.fwd});
         fields.push_back({"stamp", request.stamp});
     }
-    const auto key = request.table == TokenTable::icib ? keyFields(request.icib)
-                                                       : keyFields(request.ipat);
+    const auto key =
+        request.table == TokenTable::icib ? keyFields(request.icib) : keyFields(request.ipat);
     fields.insert(fields.end(), key.begin(), key.end());
     if (!request.data.empty()) {
         // Without the length that packData put in front.
@@ -207,7 +208,11 @@ u32 Module::icibGet(const L2ResIcibKey &key, std::vector<L2ResQueryEntry> *entri
 u32 Module::checkAlarm(u32 alarmType)
 {
     const auto operation = filled(table_->exceedCheckAndAlarm, "alarm.check");
-    const std::array<Field, 1> fields = {{{"type", alarmType}}};
+    const std::string_view name = engineTableName(alarmType);
+    std::array<Field, 1> fields = {{{"type", alarmType}}};
+    if (name != "?") {
+        fields[0].value = name;
+    }
     return traced("alarm.check", fields, successMeaning, [&] { return operation(alarmType); });
 }
 

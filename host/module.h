@@ -32,8 +32,7 @@ struct TokenRequest {
 const char *tokenMeaning(u32 result);
 const char *opName(u32 op); // "add", "update", "delete"
 
-class Module
-{
+class Module {
 public:
     explicit Module(Journal &journal) : journal_(journal)
     {

@@ -25,8 +25,7 @@ template <std::size_t Cell> static u32 cellCallback(u32 event, void *record, voi
 }
 
 template <std::size_t... Cell>
-static constexpr std::array<L2ResNotifyCallback, CELLS>
-makeCallbacks(std::index_sequence<Cell...>)
+static constexpr std::array<L2ResNotifyCallback, CELLS> makeCallbacks(std::index_sequence<Cell...>)
 {
     return {&cellCallback<Cell>...};
 }
@@ -91,11 +90,16 @@ Notification Notifications::copy(u32 table, u32 service, u32 event, const void *
 std::vector<Field> keyFields(const L2ResIcibKey &key)
 {
     constexpr auto quiet = Field::Show::unlessEmpty;
-    return {{"keytype", key.keyType, quiet},     {"port", key.GlobalPort, quiet},
-            {"vsi", key.Vsi, quiet},             {"attr1", key.keyAttr1, quiet},
-            {"outvlan", key.OutVlan, quiet},     {"attr2", key.keyAttr2, quiet},
-            {"innervlan", key.InnerVlan, quiet}, {"attr3", key.keyAttr3, quiet},
-            {"pri", key.Pri, quiet},             {"vdc", key.Vdc, quiet}};
+    return {{"keytype", key.keyType, quiet},
+            {"port", key.GlobalPort, quiet},
+            {"vsi", key.Vsi, quiet},
+            {"attr1", key.keyAttr1, quiet},
+            {"outvlan", key.OutVlan, quiet},
+            {"attr2", key.keyAttr2, quiet},
+            {"innervlan", key.InnerVlan, quiet},
+            {"attr3", key.keyAttr3, quiet},
+            {"pri", key.Pri, quiet},
+            {"vdc", key.Vdc, quiet}};
 }
 
 std::vector<Field> keyFields(const L2ResIpatKey &key)

@@ -48,8 +48,7 @@ const char *tableName(u32 table);
 /* A request's data as the module is to keep it. At most 65533 bytes. */
 std::string packData(std::string_view data);
 
-class Notifications
-{
+class Notifications {
 public:
     using Handler = std::function<u32(const Notification &)>;
     /* Takes every callback raw, on any thread, in place of the above (host.stress). */

@@ -135,7 +135,8 @@ void Printer::printOpen(DeviceTime at, Stack &stack)
 
 void Printer::print(DeviceTime at, std::size_t depth, const std::string &line)
 {
-    const std::string text = "[" + formatTime(at) + "] " + std::string(2 * depth, ' ') + line + "\n";
+    const std::string text =
+        "[" + formatTime(at) + "] " + std::string(2 * depth, ' ') + line + "\n";
     std::fwrite(text.data(), 1, text.size(), stdout);
 }
 

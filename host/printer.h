@@ -15,15 +15,13 @@ namespace host {
  * A call and its result share a line unless something happens in between; then the call's line
  * comes first, what happened is indented under it and the result closes it.
  */
-class Printer : public Sink
-{
+class Printer : public Sink {
 public:
     void on(const Event &event) override;
     bool wants(Kind kind) const override;
 
     /* While a Quiet lives, nothing is printed but alarms. */
-    class Quiet
-    {
+    class Quiet {
     public:
         explicit Quiet(Printer &printer) : printer_(printer)
         {

@@ -55,8 +55,7 @@ void Scenario::play(const std::string &path)
     lua_pushcclosure(main_, printFunction, 1);
     lua_setglobal(main_, "print");
 
-    if (luaL_loadfilex(main_, path.c_str(), "t") != LUA_OK ||
-        lua_pcall(main_, 0, 0, 0) != LUA_OK) {
+    if (luaL_loadfilex(main_, path.c_str(), "t") != LUA_OK || lua_pcall(main_, 0, 0, 0) != LUA_OK) {
         throw ScriptError(popError(main_));
     }
     // What came last is still the scenario's, and its handlers may still fail.

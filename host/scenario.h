@@ -20,8 +20,7 @@ namespace host {
 
 struct Host;
 
-class Scenario
-{
+class Scenario {
 public:
     explicit Scenario(Host &host);
 
@@ -52,8 +51,7 @@ public:
     }
 
     /* Around a function of the interface: L is the running interpreter. */
-    class Running
-    {
+    class Running {
     public:
         Running(Scenario &scenario, lua_State *L);
         ~Running();

@@ -27,8 +27,8 @@ LineFile::~LineFile()
 void LineFile::open(const std::string &path, bool append)
 {
     path_ = path;
-    descriptor_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC),
-                         0644);
+    descriptor_ =
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC), 0644);
     if (descriptor_ < 0) {
         throw std::runtime_error(path + ": " + std::strerror(errno));
     }
@@ -139,10 +139,8 @@ struct Services::Tables {
             if (attributes == nullptr || attributes->time == nullptr) {
                 return BAD_ARGUMENT;
             }
-            // The time record is the caller's; it is gone when the alarm is sent.
             object.attributes = *attributes;
-            std::memcpy(&object.time, attributes->time, sizeof object.time);
-            object.attributes->time = nullptr;
+            object.attributes->time = nullptr; // the caller's; gone when the alarm is sent
             return 0;
         });
     }
@@ -200,8 +198,8 @@ struct Services::Tables {
             s_services->blackBoxModules_.emplace_back(name);
             *id = static_cast<u32>(s_services->blackBoxModules_.size());
         }
-        return s_services->traced(
-            "blackbox.register", {{"name", name}, {"description", description}, {"id", *id}}, 0);
+        return s_services->traced("blackbox.register",
+                                  {{"name", name}, {"description", description}, {"id", *id}}, 0);
     }
 
     static void printBlackBox(u32 id, u32 level, const char *text)
@@ -234,17 +232,20 @@ u32 Services::Tables::createInstance(void *, u32 interfaceId, void **out)
     static const L2ResOrchmVtbl orchestration = {{}, getSelfSlot};
     static const L2ResMemmVtbl memory = {{}, initPartition, getPartitionNumber};
     static const L2ResDbgLogVtbl debugLog = {{}, registerLog, {}, Tables::printLog};
-    static const L2ResLogVtbl log = {{}, objCreate, setAlarmComAttr, {}, addPara, Tables::send,
-                                     objFree};
+    static const L2ResLogVtbl log = {{},      objCreate,    setAlarmComAttr, {},
+                                     addPara, Tables::send, objFree};
     static const L2ResTimeVtbl time = {{}, getSysTime};
     static const L2ResBlackBoxVtbl blackBox = {{}, registerBlackBox, Tables::printBlackBox};
     static const struct {
         u32 interfaceId;
         ServiceObject object;
     } objects[] = {
-        {L2RES_IID_ORCHESTRATION, {&orchestration}}, {L2RES_IID_MEMORY_MANAGER, {&memory}},
-        {L2RES_IID_DEBUG_LOG, {&debugLog}},          {L2RES_IID_LOG, {&log}},
-        {L2RES_IID_TIME, {&time}},                   {L2RES_IID_BLACK_BOX, {&blackBox}},
+        {L2RES_IID_ORCHESTRATION, {&orchestration}},
+        {L2RES_IID_MEMORY_MANAGER, {&memory}},
+        {L2RES_IID_DEBUG_LOG, {&debugLog}},
+        {L2RES_IID_LOG, {&log}},
+        {L2RES_IID_TIME, {&time}},
+        {L2RES_IID_BLACK_BOX, {&blackBox}},
     };
     for (const auto &row : objects) {
         if (row.interfaceId == interfaceId) {
@@ -299,7 +300,8 @@ u32 Services::send(L2ResAlarmHandle handle)
         object = std::move(node.mapped());
     }
     // What the module sends of a table: slot and description, threshold and table code.
-    const bool complete = object.attributes && object.texts.size() == 2 && object.numbers.size() == 2;
+    const bool complete =
+        object.attributes && object.texts.size() == 2 && object.numbers.size() == 2;
     if (complete) {
         changeAlarm(object);
     }
@@ -326,15 +328,10 @@ void Services::changeAlarm(const AlarmObject &object)
         alarm.text = object.texts[1];
         ++alarmChanges_;
     }
-    char time[64];
-    std::snprintf(time, sizeof time, "%04u-%02u-%02uT%02u:%02u:%02u.%03u", object.time.year,
-                  object.time.month, object.time.day, object.time.hour, object.time.minute,
-                  object.time.second, object.time.millisecond);
+    what += ": " + object.texts[0];
     journal_.write(Kind::alarm, what,
-                   {{"slot", std::string_view(object.texts[0])},
-                    {"threshold", object.numbers[0]},
+                   {{"threshold", object.numbers[0]},
                     {"code", object.numbers[1]},
-                    {"time", std::string_view(time)},
                     {"text", std::string_view(object.texts[1])}});
 }
 

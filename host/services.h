@@ -33,8 +33,7 @@ struct TimeRecord {
 static_assert(sizeof(TimeRecord) == sizeof(L2ResAlarmTime));
 
 /* A file of lines. The first failure is kept; what was written before stays written. */
-class LineFile
-{
+class LineFile {
 public:
     ~LineFile();
     void open(const std::string &path, bool append); // throws when it cannot
@@ -61,12 +60,11 @@ struct Alarm {
 struct ServiceOptions {
     u32 slot = 1;
     u8 partition = 7;
-    u32 debugLevel = 4; // 2 error, 3 warning, 4 information
+    u32 debugLevel = 4;             // 2 error, 3 warning, 4 information
     std::string debugLog, blackBox; // file names, "" for none
 };
 
-class Services
-{
+class Services {
 public:
     explicit Services(Journal &journal);
 
@@ -86,7 +84,6 @@ private:
     struct AlarmObject {
         u32 id = 0;
         std::optional<L2ResAlarmAttr> attributes;
-        TimeRecord time{};
         std::vector<u32> numbers;
         std::vector<std::string> texts;
     };

@@ -73,8 +73,7 @@ struct Thread {
 };
 thread_local Thread t_thread;
 
-class Stress
-{
+class Stress {
 public:
     Stress(Host &host, const StressOptions &options);
     StressReport run();
@@ -92,6 +91,7 @@ private:
     void drain();
     bool takeOver(TokenRequest &request);
     Memory memory() const;
+    Memory settledMemory() const;
     void checkMemory();
 
     TokenRequest request(u32 table, u32 key, u32 service, u32 op);
@@ -116,9 +116,10 @@ private:
 };
 
 Stress::Stress(Host &host, const StressOptions &options)
-    : host_(host), options_(options),
-      entries_{std::vector<Entry>(options.keys), std::vector<Entry>(options.keys)},
-      requests_(static_cast<std::size_t>(requestsPerStep) * stepsPerRound(options) * options.clients)
+    : host_(host), options_(options), entries_{std::vector<Entry>(options.keys),
+                                               std::vector<Entry>(options.keys)},
+      requests_(static_cast<std::size_t>(requestsPerStep) * stepsPerRound(options) *
+                options.clients)
 {
 }
 
@@ -157,7 +158,9 @@ u32 Stress::get(const TokenRequest &request)
 {
     ++operations_;
     const u32 result = host_.module.getToken(request);
-    ++(result == L2RES_TOKEN_PROCEED ? granted_ : result == L2RES_TOKEN_REFUSED ? refused_ : waited_);
+    ++(result == L2RES_TOKEN_PROCEED   ? granted_
+       : result == L2RES_TOKEN_REFUSED ? refused_
+                                       : waited_);
     return result;
 }
 
@@ -284,12 +287,14 @@ u32 Stress::notified(u32 table, u32 service, u32 event, const void *record, cons
     }
     Request &waiter = requests_[sent.request];
     const TokenRequest asked = request(row, waiter.key, service, L2RES_OP_NONE);
-    const bool sameKey = row == ICIB ? std::memcmp(record, &asked.icib, sizeof(u32)) == 0 &&
-                                           static_cast<const L2ResIcibReOpRecord *>(record)
-                                                   ->key.keyAttr3 == waiter.key
-                                     : std::memcmp(record, &asked.ipat, sizeof asked.ipat) == 0;
+    const bool sameKey =
+        row == ICIB
+            ? std::memcmp(record, &asked.icib, sizeof(u32)) == 0 &&
+                  static_cast<const L2ResIcibReOpRecord *>(record)->key.keyAttr3 == waiter.key
+            : std::memcmp(record, &asked.ipat, sizeof asked.ipat) == 0;
     if (waiter.table != row || !sameKey) {
-        violate("a callback of service " + std::to_string(service) + " brought another entry's key");
+        violate("a callback of service " + std::to_string(service) +
+                " brought another entry's key");
         return QOR_FAIL;
     }
     ++waiter.notified;
@@ -353,6 +358,19 @@ Memory Stress::memory() const
     return sum;
 }
 
+/* What is in use once nothing changes any more: without a tick's message or a last notification. */
+Memory Stress::settledMemory() const
+{
+    Memory last = memory();
+    for (u32 same = 0; same < 20;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        const Memory now = memory();
+        same = now.bytes == last.bytes && now.nodes == last.nodes ? same + 1 : 0;
+        last = now;
+    }
+    return last;
+}
+
 void Stress::checkMemory()
 {
     // The worker may be at a tick's message, or at the last of its notifications.
@@ -408,6 +426,10 @@ void Stress::round(u32 operations)
         thread.join();
     }
     drain();
+    if (round_ == 1) {
+        // Not before: the worker may still have been starting.
+        before_ = settledMemory();
+    }
     checkMemory();
     checkRequests();
 }
@@ -419,7 +441,6 @@ StressReport Stress::run()
         host_.module.icibRegister(service);
         host_.module.ipatRegister(service);
     }
-    before_ = memory();
     host_.notifications.intercept(
         [this](u32 table, u32 service, u32 event, void *record, void *data) {
             return notified(table, service, event, record, data);

@@ -9,7 +9,7 @@
  *   - a callback brings the key and the data of the request that waited;
  * and after every round, when all clients have stopped:
  *   - every request that was told to wait was notified, an ICIB one exactly once;
- *   - records, waiting entries and memory are what they were before.
+ *   - records and waiting entries are gone, and memory is what it was after the first round.
  * Bounded by work: the clients' operations, in rounds.
  */
 #ifndef HOST_STRESS_H

@@ -1,0 +1,57 @@
+-- options: --speed 10 --slot 3
+-- What the module does for the services of a device, told from its start.
+
+local routing, bridging, multicast = 1, 2, 3 -- service types
+
+print("== Three services will share the ICIB table")
+for _, service in ipairs{routing, bridging, multicast} do
+    icib.register{service=service}
+end
+
+print("== Routing takes an entry; bridging must wait for it, and multicast comes too late")
+local entry = {port=3, outvlan=100}
+local function with(fields)
+    for name, value in pairs(entry) do
+        fields[name] = value
+    end
+    return fields
+end
+
+expect(icib.add(with{service=routing, fwd=10, stamp=100, data="route 10.0.0.0/8"}), 0)
+expect(icib.add(with{service=bridging, fwd=20, stamp=200, data="bridge vlan 100"}), 4)
+expect(icib.add(with{service=multicast, fwd=30, stamp=50, data="group 7"}), 1)
+local shown = icib.show(entry)
+expect(shown.holder.fwd, 10)
+expect(#shown.waiters, 1)
+
+print("== Routing gives the entry up: bridging is told at once, and takes it")
+on.notify(bridging, function(event, record, data)
+    if event == "free" then
+        expect(data, "bridge vlan 100")
+        expect(icib.add{service=bridging, fwd=20, stamp=200, data=data,
+                        port=record.port, outvlan=record.outvlan}, 0)
+    end
+end)
+expect(icib.delete(with{service=routing, fwd=10, stamp=300}), 0)
+expect(icib.free(with{service=routing, op="delete"}), 0)
+expect(icib.show(entry).holder.fwd, 20)
+
+print("== The ICIB_PP table runs full: the next add raises its alarm")
+engine.set{table="icib_pp", total=4096, used=4096}
+expect(icib.add{service=routing, fwd=10, stamp=400, port=4, outvlan=200}, 0)
+expect(alarm.list()[1].table, "icib_pp")
+
+print("== Multicast waits for an entry that nobody frees: the worker tells it on its third tick")
+local released = false
+on.notify(multicast, function(event)
+    released = released or event == "free"
+end)
+expect(icib.add(with{service=multicast, fwd=30, stamp=500, data="group 7"}), 4)
+expect(host.wait_for(function() return released end, 30), true)
+expect(#icib.show(entry).waiters, 0)
+
+print("== Room in the table: the next probe clears the alarm and tells the services")
+engine.set{table="icib_pp", used=10}
+expect(host.wait_for(function() return #alarm.list() == 0 end, 60), true)
+host.wait(1)
+expect(#alarm.list(), 0)
