@@ -1,0 +1,255 @@
+#include <atomic>
+#include <gtest/gtest.h>
+
+#include <sys/epoll.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "qor_epoll.h"
+
+namespace {
+
+QorQueueHandle create(u32 depth, u32 elementSize = sizeof(u64))
+{
+    QorQueueHandle queue = 0;
+    EXPECT_EQ(QorEpollQueCreate("Q", depth, &queue, 0, elementSize), 0U);
+    return queue;
+}
+
+u32 put(QorQueueHandle queue, u64 value, u32 timeoutMs = 0)
+{
+    return QorEpollQueWrite(queue, &value, sizeof(value), timeoutMs);
+}
+
+u64 take(QorQueueHandle queue)
+{
+    u64 value = ~0ULL;
+    return QorEpollQueRead(queue, 0, &value, sizeof(value)) == sizeof(value) ? value : ~0ULL;
+}
+
+/* An epoll instance with the events that are ready in it now. */
+struct Epoll {
+    int fd = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event events[8] = {};
+    Epoll() = default;
+    Epoll(const Epoll &) = delete;
+    Epoll &operator=(const Epoll &) = delete;
+    ~Epoll()
+    {
+        (void)close(fd);
+    }
+    u32 ready(int timeoutMs = 0)
+    {
+        return static_cast<u32>(epoll_wait(fd, events, 8, timeoutMs));
+    }
+    u32 attach(QorQueueContext *context, u32 mask = EPOLLIN)
+    {
+        return QorEpollQueCtl(static_cast<u32>(fd), QOR_QUEUE_ATTACH, context->queue, mask,
+                              context);
+    }
+};
+
+TEST(QueueTest, IsFirstInFirstOutAndReadableWhileItHoldsElements)
+{
+    QorQueueContext context = {create(3), {}, nullptr};
+    const QorQueueHandle queue = context.queue;
+    Epoll epoll;
+    ASSERT_EQ(epoll.attach(&context, EPOLLIN | static_cast<u32>(EPOLLET)), 0U);
+    EXPECT_EQ(epoll.ready(), 0U);
+    for (u64 round = 0; round < 10; ++round) {
+        for (u64 i = 0; i < 3; ++i) {
+            EXPECT_EQ(put(queue, round * 3 + i), 0U);
+        }
+        EXPECT_EQ(put(queue, 99), u32{QOR_QUEUE_FULL});
+        EXPECT_EQ(put(queue, 99, 2), u32{QOR_QUEUE_FULL});
+        for (u64 i = 0; i < 3; ++i) {
+            EXPECT_EQ(epoll.ready(), 1U) << "level-triggered whatever the mask says";
+            EXPECT_EQ(epoll.events[0].data.ptr, &context);
+            EXPECT_EQ(QorEpollQueGetMsgNum(queue), 3 - i);
+            EXPECT_EQ(take(queue), round * 3 + i);
+        }
+        EXPECT_EQ(epoll.ready(), 0U);
+        EXPECT_EQ(take(queue), ~0ULL);
+    }
+    EXPECT_EQ(put(queue, 1), 0U);
+    EXPECT_EQ(QorEpollQueCtl(static_cast<u32>(epoll.fd), QOR_QUEUE_DETACH, queue, 0, nullptr), 0U);
+    EXPECT_EQ(epoll.ready(), 0U);
+}
+
+TEST(QueueTest, RefusesBadArgumentsAndStaleHandles)
+{
+    QorQueueHandle queue = 0;
+    EXPECT_EQ(QorEpollQueCreate(nullptr, 1, &queue, 0, 8), 1U);
+    EXPECT_EQ(QorEpollQueCreate("Q", 1, nullptr, 0, 8), 1U);
+    EXPECT_EQ(QorEpollQueCreate("Q", 0, &queue, 0, 8), 1U);
+    EXPECT_EQ(QorEpollQueCreate("Q", 1, &queue, 0, 0), 1U);
+
+    queue = create(4);
+    u64 value = 5;
+    EXPECT_EQ(QorEpollQueWrite(queue, nullptr, 8, 0), 1U);
+    EXPECT_EQ(QorEpollQueWrite(queue, &value, 4, 0), 1U);
+    EXPECT_EQ(put(queue, 5), 0U);
+    EXPECT_EQ(QorEpollQueRead(queue, 0, nullptr, 8), 0U);
+    EXPECT_EQ(QorEpollQueRead(queue, 0, &value, 4), 0U);
+    EXPECT_EQ(QorEpollQueGetMsgNum(queue), 1U);
+    QorQueueContext context = {queue, {}, nullptr};
+    Epoll epoll;
+    EXPECT_EQ(QorEpollQueCtl(static_cast<u32>(epoll.fd), 3, queue, 1, &context), 1U);
+    EXPECT_EQ(QorEpollQueCtl(999999, QOR_QUEUE_ATTACH, queue, 1, &context), u32{EBADF});
+
+    const QorQueueHandle deleted = queue;
+    EXPECT_EQ(QorEpollQueDelete(&queue), 0U);
+    EXPECT_EQ(queue, 0U);
+    const QorQueueHandle successor = create(4);
+    EXPECT_EQ(put(successor, 6), 0U);
+    for (QorQueueHandle unknown : {QorQueueHandle{0}, deleted, ~0ULL}) {
+        context.queue = unknown;
+        QorQueueHandle copy = unknown;
+        EXPECT_EQ(QorEpollQueGetMsgNum(unknown), 0U);
+        EXPECT_EQ(put(unknown, 7, 1000), 1U);
+        EXPECT_EQ(take(unknown), ~0ULL);
+        EXPECT_EQ(epoll.attach(&context), 1U);
+        EXPECT_EQ(QorEpollQueDelete(&copy), 1U);
+    }
+    EXPECT_EQ(QorEpollQueDelete(nullptr), 1U);
+    EXPECT_EQ(take(successor), 6U);
+}
+
+TEST(QueueTest, BlockedWritersGoOnWhenThereIsRoomOrNoQueue)
+{
+    QorQueueHandle queue = create(1);
+    ASSERT_EQ(put(queue, 0), 0U);
+    std::vector<std::thread> writers;
+    for (u32 i = 0; i < 3; ++i) {
+        writers.emplace_back([queue] { EXPECT_EQ(put(queue, 1, 60000), 0U); });
+    }
+    for (u32 seen = 0; seen < 4;) {
+        seen += take(queue) != ~0ULL ? 1 : 0;
+    }
+    for (std::thread &writer : writers) {
+        writer.join();
+    }
+    ASSERT_EQ(put(queue, 0), 0U);
+    std::thread writer([queue] { EXPECT_EQ(put(queue, 1, 60000), 1U); });
+    EXPECT_EQ(QorEpollQueDelete(&queue), 0U);
+    writer.join();
+}
+
+/* What the handlers of the following tests saw and do. */
+struct Handler {
+    QorQueueContext context;
+    std::vector<u64> seen;
+    u64 failAt = ~0ULL;
+    u64 echoBelow = 0;
+
+    explicit Handler(u32 depth) : context{create(depth), {}, handle}
+    {
+    }
+    static u32 handle(u64 first, QorQueueContext *context)
+    {
+        auto *self = reinterpret_cast<Handler *>(context);
+        EXPECT_EQ(first, context->queue);
+        const u64 value = take(context->queue);
+        if (value == ~0ULL) {
+            return 1;
+        }
+        self->seen.push_back(value);
+        if (value < self->echoBelow) {
+            EXPECT_EQ(put(context->queue, value + 1), 0U);
+        }
+        return value == self->failAt ? 1 : 0;
+    }
+};
+
+TEST(DispatcherTest, HandsOutBoundedBatches)
+{
+    Handler busy(500);
+    Handler quiet(5);
+    Handler failing(5);
+    Handler echoing(5);
+    failing.failAt = 2;
+    echoing.echoBelow = 10;
+    Epoll epoll;
+    for (Handler *handler : {&busy, &quiet, &failing, &echoing}) {
+        ASSERT_EQ(epoll.attach(&handler->context), 0U);
+    }
+    for (u64 i = 0; i < 200; ++i) {
+        ASSERT_EQ(put(busy.context.queue, i), 0U);
+    }
+    ASSERT_EQ(put(quiet.context.queue, 7), 0U);
+    for (u64 i = 0; i < 4; ++i) {
+        ASSERT_EQ(put(failing.context.queue, i), 0U);
+    }
+    ASSERT_EQ(put(echoing.context.queue, 0), 0U);
+
+    const u32 ready = epoll.ready();
+    ASSERT_EQ(ready, 4U);
+    EXPECT_EQ(QOR_Epoll_EvtProc(epoll.events, ready), 0U);
+    EXPECT_GT(busy.seen.size(), 1U);
+    EXPECT_LT(busy.seen.size(), 200U);
+    EXPECT_EQ(quiet.seen, std::vector<u64>{7});
+    EXPECT_EQ(failing.seen, (std::vector<u64>{0, 1, 2}));
+    EXPECT_EQ(echoing.seen.size(), 11U);
+    while (const u32 again = epoll.ready()) {
+        EXPECT_EQ(QOR_Epoll_EvtProc(epoll.events, again), 0U);
+    }
+    ASSERT_EQ(busy.seen.size(), 200U);
+    for (u64 i = 0; i < 200; ++i) {
+        EXPECT_EQ(busy.seen[i], i);
+    }
+    EXPECT_EQ(failing.seen.size(), 4U);
+}
+
+u32 deleteQueueAndRecord(u64, QorQueueContext *context)
+{
+    EXPECT_EQ(QorEpollQueDelete(&context->queue), 0U);
+    delete context;
+    return 0;
+}
+
+TEST(DispatcherTest, ToleratesRecordsThatAreMissingOrVanish)
+{
+    QorQueueContext handlerless = {create(1), {}, nullptr};
+    auto *vanishing = new QorQueueContext{create(2), {}, deleteQueueAndRecord};
+    EXPECT_EQ(put(vanishing->queue, 1), 0U);
+    EXPECT_EQ(put(vanishing->queue, 2), 0U);
+    epoll_event events[3] = {};
+    events[1].data.ptr = &handlerless;
+    events[2].data.ptr = vanishing;
+    EXPECT_EQ(QOR_Epoll_EvtProc(events, 3), 0U);
+    EXPECT_EQ(QOR_Epoll_EvtProc(nullptr, 3), 1U);
+}
+
+/* Four writers that often wait for room; one dispatcher. Nothing lost, doubled or out of order. */
+TEST(DispatcherTest, IsExactUnderLoad)
+{
+    constexpr u64 MESSAGES = 20000;
+    Handler handler(16);
+    Epoll epoll;
+    ASSERT_EQ(epoll.attach(&handler.context), 0U);
+    std::vector<std::thread> writers;
+    for (u64 writer = 0; writer < 4; ++writer) {
+        writers.emplace_back([&, writer] {
+            for (u64 i = 0; i < MESSAGES; ++i) {
+                EXPECT_EQ(put(handler.context.queue, writer << 32 | i, 60000), 0U);
+            }
+        });
+    }
+    while (handler.seen.size() < 4 * MESSAGES) {
+        const u32 ready = epoll.ready(-1);
+        ASSERT_EQ(ready, 1U) << "a wake-up that did not come shows as the test's time-out";
+        ASSERT_EQ(QOR_Epoll_EvtProc(epoll.events, ready), 0U);
+    }
+    for (std::thread &writer : writers) {
+        writer.join();
+    }
+    u64 next[4] = {};
+    for (u64 value : handler.seen) {
+        ASSERT_EQ(value & 0xFFFFFFFF, next[value >> 32]++);
+    }
+    EXPECT_EQ(QorEpollQueGetMsgNum(handler.context.queue), 0U);
+    EXPECT_EQ(epoll.ready(), 0U);
+}
+
+} // namespace
