@@ -112,7 +112,12 @@ u32 Insert(const CommonTable &table, const void *key, const L2ResOpRecord &recor
     }
     void *recordPlace = static_cast<u8 *>(node) + table.opRecordOffset;
     (void)memset_s(node, table.opNodeSize, 0, table.opNodeSize);
-    (void)memcpy_s(node, table.opNodeSize, key, table.keySize);
+    if (memcpy_s(node, table.opNodeSize, key, table.keySize) != 0) {
+        // Under a wrong key nobody would ever find and remove it.
+        report->failure = table.lines.insertFailed;
+        HASH_FreeData(*table.opHash, node);
+        return QOR_FAIL;
+    }
     if (memcpy_s(recordPlace, sizeof record, &record, sizeof record) != 0) {
         report->failure = table.lines.insertFailed;
     }

@@ -125,7 +125,12 @@ u32 AddNode(const CommonTable &table, const Request &request, const char **failu
         return QOR_FAIL;
     }
     (void)memset_s(node, table.waitNodeSize, 0, table.waitNodeSize);
-    (void)memcpy_s(node, table.waitNodeSize, request.key, table.keySize);
+    if (memcpy_s(node, table.waitNodeSize, request.key, table.keySize) != 0) {
+        // Under a wrong key no release would ever find it.
+        *failure = table.lines.firstFailed;
+        HASH_FreeData(*table.waitHash, node);
+        return QOR_FAIL;
+    }
     L2ResWaitList *list = ListOf(table, node);
     StartEntry(list, request);
     void *copy = nullptr;
