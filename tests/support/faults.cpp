@@ -13,7 +13,6 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <type_traits>
 
 #include "bounded.h"
@@ -51,6 +50,7 @@ struct Plans {
     std::set<Op> recorded;
     std::shared_ptr<const std::function<void(Op)>> observer;
     unsigned failed = 0;
+    Op failedOp = Op::kCount;
 };
 std::mutex g_mutex;
 auto &g_plan = *new Plans;
@@ -167,7 +167,10 @@ private:
         } else if (g_plan.overallOps.count(op) != 0 && Take(g_plan.overall)) {
             fails_ = true;
         }
-        g_plan.failed += fails_;
+        if (fails_) {
+            ++g_plan.failed;
+            g_plan.failedOp = op;
+        }
     }
 
     bool nested_ = false;
@@ -205,11 +208,11 @@ void Fail(Op op, unsigned nth, std::optional<long long> result, unsigned times)
     g_active = true;
 }
 
-void FailOverall(unsigned nth, std::initializer_list<Op> operations)
+void FailOverall(unsigned nth, const std::set<Op> &operations)
 {
     std::lock_guard lock(g_mutex);
     g_plan.overallOps = operations;
-    if (operations.size() == 0) {
+    if (operations.empty()) {
         for (size_t op = 0; op < Index(Op::QOR_Epoll_EvtProc); ++op) {
             g_plan.overallOps.insert(static_cast<Op>(op));
         }
@@ -224,6 +227,12 @@ unsigned Failed()
 {
     std::lock_guard lock(g_mutex);
     return g_plan.failed;
+}
+
+Op FailedOp()
+{
+    std::lock_guard lock(g_mutex);
+    return g_plan.failed != 0 ? g_plan.failedOp : Op::kCount;
 }
 
 unsigned long Calls(Op op)

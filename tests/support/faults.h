@@ -25,6 +25,7 @@
 #include <functional>
 #include <initializer_list>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "qor_epoll.h"
@@ -83,10 +84,12 @@ constexpr unsigned kForEver = 0x7FFFFFFF;
 
 /* Lets the nth call from now of any of these operations fail; empty: all that can fail but
    vsnprintf_s, whose failure only drops a message. */
-void FailOverall(unsigned nth, std::initializer_list<Op> operations = {});
+void FailOverall(unsigned nth, const std::set<Op> &operations = {});
 
 /* Calls made to fail since the last Fail, FailOverall or Reset. */
 unsigned Failed();
+/* The operation of the latest of them; kCount: none. */
+Op FailedOp();
 
 /* Calls since the process started. */
 unsigned long Calls(Op op);

@@ -17,8 +17,11 @@ u64 g_objects = 0;
 
 u32 ResultOf(const std::string &operation)
 {
-    std::lock_guard lock(g_mutex);
     auto &fakes = Get();
+    if (const u32 fault = fakes.fault ? fakes.fault(operation) : 0) {
+        return fault;
+    }
+    std::lock_guard lock(g_mutex);
     if (auto row = fakes.results.find(operation);
         row != fakes.results.end() && !row->second.empty()) {
         const u32 result = row->second.front();

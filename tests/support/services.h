@@ -50,6 +50,9 @@ struct Fakes {
     u32 dbgId = 0x11;                                /* ids given at registration */
     u32 blackBoxId = 0x22;
 
+    /* Asked before `results` by every operation that can fail: its result, or 0 to go on. */
+    std::function<u32(const std::string &operation)> fault;
+
     /* Called inside each alarm operation with its name, after the journal entry; may call the module. */
     std::function<void(const std::string &operation)> during;
 
