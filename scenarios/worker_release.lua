@@ -10,7 +10,6 @@ on.notify(2, function(event, record, data)
     expect(record.outvlan, 7)
     expect(#record.waiters, #arrived + 1)
     arrived[#arrived + 1] = data
-
 end)
 
 expect(icib.add{service=1, fwd=10, stamp=1, outvlan=7}, 0)
