@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "bounded.h"
+#include "simple_format.h"
 
 namespace {
 
@@ -100,7 +101,11 @@ int vsnprintf_s(char *dest, size_t destSize, size_t limit, const char *format, v
     }
     const bool cuts = limit < destSize;
     const size_t room = cuts ? limit + 1 : destSize;
-    const int length = vsnprintf(dest, room, format, arguments);
+    int length = formatSimple(dest, room, format, arguments);
+    if (length >= 0) {
+        return length;
+    }
+    length = vsnprintf(dest, room, format, arguments);
     if (length >= 0 && static_cast<size_t>(length) < room) {
         return length;
     }

@@ -20,7 +20,6 @@
 #include <mutex>
 #include <pthread.h>
 
-#include "bounded.h"
 #include "zir_memory.h"
 
 #ifndef QOR_MEMORY_CACHED
@@ -349,7 +348,7 @@ u32 ZIR_HandleInitialize(const char *name, u32 *handle)
         return QOR_FAIL;
     }
     if (i == known) {
-        (void)strcpy_s(g_handleNames[i], MAX_NAME, name);
+        (void)memcpy(g_handleNames[i], name, strlen(name) + 1);
         g_handleCount.store(known + 1, std::memory_order_release);
     }
     *handle = i + 1;

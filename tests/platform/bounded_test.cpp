@@ -1,0 +1,246 @@
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+
+#include "bounded.h"
+
+namespace {
+
+constexpr char FILL = 0x5A;
+constexpr size_t GUARD = 16;
+
+/* A destination of a given size between guards that nobody may write to. */
+struct Destination {
+    std::string bytes;
+    size_t size;
+    explicit Destination(size_t destSize, const std::string &text = "")
+        : bytes(destSize + 2 * GUARD, FILL), size(destSize)
+    {
+        bytes.replace(GUARD, text.size(), text);
+    }
+    char *data()
+    {
+        return bytes.data() + GUARD;
+    }
+    std::string content() const
+    {
+        EXPECT_EQ(bytes.substr(0, GUARD) + bytes.substr(GUARD + size), std::string(2 * GUARD, FILL))
+            << "written beyond the destination";
+        return bytes.substr(GUARD, size);
+    }
+};
+
+std::string text(const std::string &written, size_t size)
+{
+    std::string whole(size, FILL);
+    whole.replace(0, written.size() + 1, written.c_str(), written.size() + 1);
+    return whole;
+}
+
+TEST(BoundedTest, CopiesAndSetsWithinBounds)
+{
+    const std::string source = "abcdefgh";
+    struct {
+        const char *src;
+        size_t count;
+        bool fails;
+        std::string expected;
+    } copies[] = {{source.c_str(), 4, false, "abcd"},
+                  {source.c_str(), 2, false, std::string("ab") + FILL + FILL},
+                  {source.c_str(), 0, false, std::string(4, FILL)},
+                  {nullptr, 0, false, std::string(4, FILL)},
+                  {source.c_str(), 5, true, std::string(4, '\0')},
+                  {source.c_str(), ~0ULL, true, std::string(4, '\0')},
+                  {nullptr, 1, true, std::string(4, '\0')}};
+    for (const auto &row : copies) {
+        Destination dest(4);
+        EXPECT_EQ(memcpy_s(dest.data(), 4, row.src, row.count) != 0, row.fails) << row.count;
+        EXPECT_EQ(dest.content(), row.expected) << row.count;
+    }
+    for (size_t count : {0, 3, 4, 5}) {
+        Destination dest(4);
+        EXPECT_EQ(memset_s(dest.data(), 4, 'x', count) != 0, count > 4);
+        EXPECT_EQ(dest.content(), count > 4
+                                      ? std::string(4, '\0')
+                                      : std::string(count, 'x') + std::string(4 - count, FILL));
+    }
+    Destination dest(8, "abcdefgh");
+    EXPECT_EQ(memcpy_s(dest.data() + 2, 6, dest.data(), 6), 0) << "overlapping";
+    EXPECT_EQ(dest.content(), "ababcdef");
+    for (size_t size : {size_t{0}, ~size_t{0}}) { /* no size, and one that wrapped */
+        EXPECT_NE(memcpy_s(dest.data(), size, "x", 1), 0);
+        EXPECT_NE(memset_s(dest.data(), size, 1, 1), 0);
+        EXPECT_NE(strcpy_s(dest.data(), size, "x"), 0);
+        EXPECT_NE(strcat_s(dest.data(), size, "x"), 0);
+        EXPECT_EQ(snprintf_s(dest.data(), size, 3, "x"), -1);
+    }
+    EXPECT_EQ(dest.content(), "ababcdef");
+    EXPECT_NE(memcpy_s(nullptr, 4, "x", 1), 0);
+    EXPECT_NE(memset_s(nullptr, 4, 1, 1), 0);
+    EXPECT_NE(strcpy_s(nullptr, 4, "x"), 0);
+    EXPECT_NE(strcat_s(nullptr, 4, "x"), 0);
+    EXPECT_EQ(snprintf_s(nullptr, 4, 3, "x"), -1);
+}
+
+TEST(BoundedTest, CopiesAndAppendsTexts)
+{
+    for (const char *src : {"", "abc", "abcdefg", "abcdefgh", "abcdefghijkl"}) {
+        const bool fits = strlen(src) < 8;
+        Destination copied(8);
+        EXPECT_EQ(strcpy_s(copied.data(), 8, src) == 0, fits) << src;
+        EXPECT_EQ(copied.content(), text(fits ? src : "", 8));
+    }
+    struct {
+        std::string held;
+        const char *src;
+        bool fails;
+        std::string expected;
+    } appends[] = {{std::string("ab\0", 3), "cdefg", false, "abcdefg"},
+                   {std::string("ab\0", 3), "", false, "ab"},
+                   {std::string("\0", 1), "abcdefg", false, "abcdefg"},
+                   {std::string("ab\0", 3), "cdefgh", true, ""},
+                   {std::string("ab\0", 3), nullptr, true, ""},
+                   {"unending", "x", true, ""}};
+    for (const auto &row : appends) {
+        Destination dest(8, row.held);
+        EXPECT_EQ(strcat_s(dest.data(), 8, row.src) != 0, row.fails);
+        EXPECT_STREQ(dest.content().c_str(), row.expected.c_str());
+    }
+    Destination dest(8, std::string("abc\0", 4));
+    EXPECT_EQ(strcat_s(dest.data(), 8, dest.data()), 0) << "overlapping";
+    EXPECT_STREQ(dest.content().c_str(), "abcabc");
+    EXPECT_NE(strcpy_s(dest.data(), 8, nullptr), 0);
+    EXPECT_STREQ(dest.content().c_str(), "");
+}
+
+TEST(BoundedTest, FormatsWithinSizeAndLimit)
+{
+    struct {
+        size_t size, limit;
+        const char *text;
+        int result;
+        const char *expected;
+    } rows[] = {{8, 7, "1234567", 7, "1234567"},
+                {8, 7, "12345678", 7, "1234567"},
+                {8, 3, "12345678", 3, "123"},
+                {8, 0, "1", 0, ""},
+                {8, 8, "1234567", 7, "1234567"},
+                {8, 8, "12345678", -1, ""},
+                {8, 100, "12345678", -1, ""},
+                {8, ~0ULL, "123456789", -1, ""},
+                {1, 0, "abc", 0, ""},
+                {1, 1, "", 0, ""}};
+    for (const auto &row : rows) {
+        for (const bool simple : {true, false}) { /* our own way, and the C library's */
+            Destination dest(row.size);
+            EXPECT_EQ(simple ? snprintf_s(dest.data(), row.size, row.limit, "%s", row.text)
+                             : snprintf_s(dest.data(), row.size, row.limit, "%.50s", row.text),
+                      row.result);
+            EXPECT_STREQ(dest.content().c_str(), row.expected) << row.text << " " << row.limit;
+        }
+    }
+    Destination dest(16);
+    EXPECT_EQ(sprintf_s(dest.data(), 16, "slot %d", -2147483647 - 1), -1);
+    EXPECT_STREQ(dest.content().c_str(), "");
+    EXPECT_EQ(sprintf_s(dest.data(), 16, "slot %d", -123456789), 15);
+    EXPECT_STREQ(dest.content().c_str(), "slot -123456789");
+    int (*unchecked)(char *, size_t, const char *, ...) = sprintf_s; /* lets a null format pass */
+    EXPECT_EQ(unchecked(dest.data(), 16, nullptr), -1);
+    EXPECT_STREQ(dest.content().c_str(), "");
+}
+
+__attribute__((format(printf, 3, 4))) void expectAsLibrary(size_t size, size_t limit,
+                                                           const char *format, ...)
+{
+    char expected[512];
+    va_list arguments;
+    va_start(arguments, format);
+    const int whole = vsnprintf(expected, sizeof(expected), format, arguments);
+    va_end(arguments);
+    ASSERT_LT(whole, static_cast<int>(sizeof(expected)));
+    int result = whole;
+    if (whole < 0 || (static_cast<size_t>(whole) >= size && limit >= size)) {
+        result = -1;
+        expected[0] = '\0';
+    } else if (static_cast<size_t>(whole) > limit) {
+        result = static_cast<int>(limit);
+        expected[limit] = '\0';
+    }
+    Destination dest(size);
+    va_start(arguments, format);
+    ASSERT_EQ(vsnprintf_s(dest.data(), size, limit, format, arguments), result) << format;
+    va_end(arguments);
+    ASSERT_STREQ(dest.content().c_str(), expected) << format;
+}
+
+/*
+ * Random formats against the C library: the conversions with a way of our own, and in each fourth
+ * round others among them. The types of the arguments stay the same: int, wide, int, text, twice.
+ */
+TEST(BoundedTest, FormatsAsTheLibraryDoes)
+{
+    std::mt19937_64 random(77);
+    const auto number = [&] { /* of random length, often at a boundary */
+                              const u64 value = random() >> random() % 64;
+                              u64 power = 1;
+                              for (u64 n = random() % 20; n > 0; --n) {
+                                  power *= 10;
+                              }
+                              const std::array<u64, 5> values = {value, power, power - 1, 0 - value,
+                                                                 1ULL << value % 64};
+                              return values[random() % values.size()];
+    };
+    const std::array<const char *, 10> ints = {"%d", "%d",  "%u",    "%u",  "%d",
+                                               "%x", "%5d", "%-3u|", "%+d", "%i"};
+    const std::array<const char *, 6> wides = {"%llu", "%llu", "%llu", "%lld", "%20llu", "%llx"};
+    const std::array<const char *, 5> texts = {"%s", "%s", "%s", "%9s", "%.2s"};
+    const std::array<const char *, 6> plains = {
+        "", ",", "Stamp:", "100%% ", "%%", " a longer piece of text "};
+    const std::array<const char *, 5> strings = {"", "x", "icib", nullptr,
+                                                 "a text of some length, thirty-one"};
+    const auto one = [&](const auto &list) { return list[random() % list.size()]; };
+
+    for (u32 round = 0; round < 200000; ++round) {
+        const bool simple = round % 4 != 0; /* else the less usual conversions as well */
+        const auto pick = [&](const auto &list, size_t usual) {
+            return list[random() % (simple ? usual : list.size())];
+        };
+        std::string format;
+        for (u32 i = 0; i < 8; ++i) {
+            format += one(plains);
+            format += i % 4 == 3 ? pick(texts, 1) : i % 2 == 0 ? pick(ints, 4) : pick(wides, 1);
+        }
+        format += one(plains);
+        const size_t size = random() % 3 == 0 ? 1 + random() % 150 : 256;
+        const size_t limit = random() % 2 == 0 ? size - 1 : random() % 300;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+        expectAsLibrary(size, limit, format.c_str(), static_cast<int>(number()), number(),
+                        static_cast<int>(number()), one(strings), static_cast<int>(number()),
+                        number(), static_cast<int>(number()), one(strings));
+#pragma GCC diagnostic pop
+        if (HasFatalFailure()) {
+            return;
+        }
+    }
+}
+
+TEST(BoundedTest, ChecksDescriptors)
+{
+    EXPECT_EQ(epoll_create_s(0), -1);
+    EXPECT_EQ(epoll_create_s(-8), -1);
+    const int descriptor = epoll_create_s(8);
+    ASSERT_GE(descriptor, 0);
+    EXPECT_EQ(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(close_s(descriptor), 0);
+    EXPECT_EQ(close_s(descriptor), -1);
+    EXPECT_EQ(close_s(-1), -1);
+}
+
+} // namespace
