@@ -49,6 +49,8 @@ long OpenDescriptors()
     return std::distance(directory_iterator("/proc/self/fd"), directory_iterator());
 }
 
+const char *const kQueueCreated = "QorEpollQueCreate L2RSM_Q_DATA 4096 0 8";
+
 struct FailingStep {
     const char *name;
     void (*arrange)();
@@ -66,23 +68,23 @@ const FailingStep kFailingSteps[] = {
     {"Epoll",
      [] { faults::Fail(Op::epoll_create_s); },
      1,
-     {"epoll_create_s", "stopped 1000", "stopped 5000",
+     {"epoll_create_s 8", "stopped 1000", "stopped 5000",
       journal::Startup("[QOR-L2RSM] L2Rsm Proc Epoll Create Failed.")}},
     {"Queue",
      [] { faults::Fail(Op::QorEpollQueCreate, 1, 44); },
      44,
-     {"epoll_create_s", "QorEpollQueCreate", "stopped 1000", "stopped 5000", "close_s"}},
+     {"epoll_create_s 8", kQueueCreated, "stopped 1000", "stopped 5000", "close_s"}},
     {"Context",
      [] { faults::Fail(Op::ZIR_MemAlloc); },
      1,
-     {"epoll_create_s", "QorEpollQueCreate", "ZIR_MemAlloc",
+     {"epoll_create_s 8", kQueueCreated, "ZIR_MemAlloc 40",
       journal::Startup("[QOR-L2RSM] EventQueue Malloc Failed."), "QorEpollQueDelete",
       "stopped 1000", "stopped 5000", "close_s"}},
     {"Attach",
      [] { faults::Fail(Op::QorEpollQueCtl, 1, 55); },
      55,
-     {"epoll_create_s", "QorEpollQueCreate", "ZIR_MemAlloc", "QorEpollQueCtl", "QorEpollQueDelete",
-      "ZIR_MemFree", "stopped 1000", "stopped 5000", "close_s"}},
+     {"epoll_create_s 8", kQueueCreated, "ZIR_MemAlloc 40", "QorEpollQueCtl 1 1",
+      "QorEpollQueDelete", "ZIR_MemFree", "stopped 1000", "stopped 5000", "close_s"}},
 };
 
 TEST_P(FailingWorker, UndoesWhatItHadDone)
@@ -145,6 +147,8 @@ TEST(WorkerTimers, OnlyTheProbeTimersFailureCounts)
     EXPECT_TRUE(timers::All().back().running) << "the re-op timer goes on";
 }
 
+const char *const kWait = "epoll_wait 8 -1";
+
 // What a wait yields when nothing is ready or a signal ends it: another wait, no dispatch.
 TEST(WorkerLoop, WaitsAgainAfterAnEmptyOrInterruptedWait)
 {
@@ -167,12 +171,11 @@ TEST(WorkerLoop, WaitsAgainAfterAnEmptyOrInterruptedWait)
     for (int i = 0; i < 3; ++i) {
         waits.acquire();
     }
-    EXPECT_TRUE(journal::Is({"epoll_wait", "epoll_wait", "epoll_wait"}));
+    EXPECT_TRUE(journal::Is({kWait, kWait, kWait}));
     EXPECT_EQ(QorL2ResMsgWrite(1, nullptr, 0), 0u);
     waits.acquire();
-    EXPECT_TRUE(journal::Is(
-        {"epoll_wait", "epoll_wait", "epoll_wait", "QOR_Epoll_EvtProc", "walk", "epoll_wait"},
-        journal::kCall));
+    EXPECT_TRUE(
+        journal::Is({kWait, kWait, kWait, "QOR_Epoll_EvtProc", "walk", kWait}, journal::kCall));
     faults::Observe({});
 }
 
@@ -245,6 +248,14 @@ TEST_F(Messages, TicksWalkAndProbe)
     EXPECT_TRUE(journal::Is({"count 0", "count 1", "count 2", "count 4", "count 5", "walk", "walk"},
                             journal::kHook | journal::kCall));
     EXPECT_EQ(LiveBlocks(), blocks);
+}
+
+TEST_F(Messages, TravelAsAddresses)
+{
+    faults::Record({Op::ZIR_MemAlloc, Op::QorEpollQueWrite});
+    ASSERT_EQ(QorL2ResMsgWrite(3, nullptr, 0), 0u);
+    EXPECT_TRUE(journal::Is({"ZIR_MemAlloc 16", "QorEpollQueWrite 8 within 3000"}));
+    EXPECT_TRUE(worker::Step());
 }
 
 TEST_F(Messages, OfUnknownTypeAreOnlyFreedWithTheirData)

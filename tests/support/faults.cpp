@@ -107,12 +107,17 @@ bool Take(Plan &plan)
 /* One call passing through. */
 class Point {
 public:
-    Point(Op op, const void *caller)
+    template <class... Details> Point(Op op, const void *caller, const Details &...details)
     {
         if (t_inside == 0 && !IsPlatform(caller)) {
             g_calls[Index(op)].fetch_add(1, std::memory_order_relaxed);
             if (g_active.load(std::memory_order_relaxed)) {
-                Consult(op);
+                Consult(op, [&] {
+                    std::ostringstream text;
+                    text << Name(op);
+                    ((text << ' ' << details), ...);
+                    return text.str();
+                });
             }
         }
         // The dispatcher calls back into the module, whose calls are to be seen.
@@ -144,14 +149,14 @@ public:
     }
 
 private:
-    void Consult(Op op)
+    template <class Text> void Consult(Op op, const Text &text)
     {
         std::shared_ptr<const std::function<void(Op)>> observer;
         {
             std::lock_guard lock(g_mutex);
             observer = g_plan.observer;
             if (g_plan.recorded.count(op) != 0) {
-                journal::Write(journal::kCall, Name(op));
+                journal::Write(journal::kCall, text());
             }
         }
         if (observer != nullptr) {
@@ -370,11 +375,12 @@ using faults::Point;
         return real;                                                                               \
     }())
 
-/* FAULT(result type, name, (parameters), (arguments), result when failing, what else it does then) */
-#define FAULT(type, name, parameters, arguments, own, effect)                                      \
+/* FAULT(result type, name, (parameters), (arguments), result when failing, what else it does then,
+   details of a record...) */
+#define FAULT(type, name, parameters, arguments, own, effect, ...)                                 \
     extern "C" QOR_API type name parameters                                                        \
     {                                                                                              \
-        const Point point(Op::name, __builtin_return_address(0));                                  \
+        const Point point(Op::name, __builtin_return_address(0) __VA_OPT__(, ) __VA_ARGS__);       \
         if (point.fails()) {                                                                       \
             effect;                                                                                \
             return point.result<type>(own);                                                        \
@@ -392,16 +398,17 @@ using faults::Point;
         dest[0] = '\0';                                                                            \
     }
 
-FAULT(u32, ZIR_HandleInitialize, (const char *name, u32 *handle), (name, handle), 1, NOTHING)
+FAULT(u32, ZIR_HandleInitialize, (const char *name, u32 *handle), (name, handle), 1, NOTHING, name)
 FAULT(void *, ZIR_MemAlloc, (u32 handle, u8 partition, u64 size), (handle, partition, size),
-      nullptr, NOTHING)
+      nullptr, NOTHING, size)
 FAULT(u32, ZIR_MemFree, (u32 handle, void *block), (handle, block), 1, NOTHING)
 FAULT(u32, ZIR_MutexInit, (ZIR_Mutex * mutex, const void *attributes), (mutex, attributes), 1,
       NOTHING)
 FAULT(HASH_Handle, HASH_CreateNew,
       (u8 partition, u32 nodeSize, u32 bucketCount, HASH_HashFunc hash, HASH_CompFunc compare,
        u32 option),
-      (partition, nodeSize, bucketCount, hash, compare, option), nullptr, NOTHING)
+      (partition, nodeSize, bucketCount, hash, compare, option), nullptr, NOTHING, "partition",
+      +partition, "node", nodeSize, "of", bucketCount)
 FAULT(void *, HASH_NewData, (HASH_Handle table, u32 option), (table, option), nullptr, NOTHING)
 FAULT(u32, HASH_AddNode, (HASH_Handle table, const void *key, void *data, u32 option),
       (table, key, data, option), 1, NOTHING)
@@ -420,17 +427,17 @@ FAULT(int, strcat_s, (char *dest, size_t destSize, const char *src), (dest, dest
 FAULT(int, vsnprintf_s,
       (char *dest, size_t destSize, size_t limit, const char *format, va_list arguments),
       (dest, destSize, limit, format, arguments), -1, EMPTIED)
-FAULT(int, epoll_create_s, (int sizeHint), (sizeHint), -1, NOTHING)
+FAULT(int, epoll_create_s, (int sizeHint), (sizeHint), -1, NOTHING, sizeHint)
 FAULT(int, close_s, (int descriptor), (descriptor), -1, NOTHING)
 FAULT(u32, QorEpollTaskCreate, (const char *name, u32 *taskId, u32 (*entry)(void *), void *arg),
-      (name, taskId, entry, arg), 1, NOTHING)
+      (name, taskId, entry, arg), 1, NOTHING, name)
 FAULT(u32, QorEpollQueCreate,
       (const char *name, u32 depth, QorQueueHandle *queue, u32 option, u32 elementSize),
-      (name, depth, queue, option, elementSize), 1, NOTHING)
+      (name, depth, queue, option, elementSize), 1, NOTHING, name, depth, option, elementSize)
 FAULT(u32, QorEpollQueDelete, (QorQueueHandle * queue), (queue), 1, NOTHING)
 FAULT(u32, QorEpollQueGetMsgNum, (QorQueueHandle queue), (queue), 0, NOTHING)
 FAULT(u32, QorEpollQueWrite, (QorQueueHandle queue, const void *element, u32 size, u32 timeoutMs),
-      (queue, element, size, timeoutMs), 1, NOTHING)
+      (queue, element, size, timeoutMs), 1, NOTHING, size, "within", timeoutMs)
 FAULT(u32, QorEpollQueRead, (QorQueueHandle queue, u32 option, void *element, u32 size),
       (queue, option, element, size), 0, NOTHING)
 FAULT(u32, QOR_Epoll_EvtProc, (struct epoll_event * events, u32 count), (events, count), 0, NOTHING)
@@ -475,7 +482,7 @@ extern "C" QOR_API u32 ZIR_ReltmrStop(ZIR_TimerHandle *handle)
 extern "C" QOR_API u32 QorEpollQueCtl(u32 epollFd, u32 operation, QorQueueHandle queue, u32 events,
                                       QorQueueContext *context)
 {
-    const Point point(Op::QorEpollQueCtl, __builtin_return_address(0));
+    const Point point(Op::QorEpollQueCtl, __builtin_return_address(0), operation, events);
     if (point.fails()) {
         return point.result<u32>(1);
     }
@@ -517,7 +524,7 @@ extern "C" int __interceptor_epoll_wait(int, struct epoll_event *, int, int) __a
 
 extern "C" QOR_API int epoll_wait(int epollFd, struct epoll_event *events, int count, int timeout)
 {
-    const Point point(Op::epoll_wait, __builtin_return_address(0));
+    const Point point(Op::epoll_wait, __builtin_return_address(0), count, timeout);
     if (point.fails()) {
         return point.result<int>(-1);
     }

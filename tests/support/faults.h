@@ -94,7 +94,8 @@ Op FailedOp();
 /* Calls since the process started. */
 unsigned long Calls(Op op);
 
-/* Writes calls of these operations to the journal as kCall entries, "ZIR_ReltmrStop". */
+/* Writes calls of these operations to the journal as kCall entries: the name, and for some the
+   arguments that tell calls apart (faults.cpp), "close_s", "ZIR_MemAlloc 40". */
 void Record(std::initializer_list<Op> operations);
 
 /* Called at the very beginning of every call, before it is failed or forwarded. May call the module;
