@@ -23,6 +23,7 @@ namespace {
 std::vector<std::string> g_story;
 std::atomic<unsigned> g_failAt{0};
 std::atomic<bool> g_failed{false};
+std::atomic<int> g_openObjects{0};
 u32 g_used = 10; /* of 100, what every count hook reports */
 
 const L2RsmFunVtbl &Table()
@@ -363,7 +364,12 @@ constinit const Piece kMessages = {"messages", PlayMessages, ReleaseMessages};
 
 void Prepare()
 {
-    services::Get().fault = [](const std::string &) { return Foreign(); };
+    services::Get().fault = [](const std::string &operation) {
+        const u32 ret = Foreign();
+        g_openObjects += operation == "objCreate" && ret == QOR_OK;
+        g_openObjects -= operation == "send" || operation == "objFree";
+        return ret;
+    };
     timers::Capture();
     RegisterServices();
     RegisterHooks();
@@ -372,6 +378,11 @@ void Prepare()
 std::vector<std::string> TakeStory()
 {
     return std::exchange(g_story, {});
+}
+
+int OpenAlarmObjects()
+{
+    return g_openObjects;
 }
 
 void FailForeign(unsigned nth)

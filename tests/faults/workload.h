@@ -31,6 +31,9 @@ std::vector<std::string> TakeStory();
 void FailForeign(unsigned nth);
 bool ForeignFailed();
 
+/* Alarm objects that were created and neither sent nor freed. */
+int OpenAlarmObjects();
+
 /* Called by every resource count hook; for handshakes with the worker. */
 extern void (*g_onCount)();
 
