@@ -68,11 +68,11 @@ void writeManual(std::ostream &out)
     for (const Function &function : allFunctions()) {
         out << "### `" << signature(function) << "`\n\n" << function.help << "\n\n";
         if (!function.params.empty()) {
-            out << "| Field | Value | | Meaning |\n|---|---|---|---|\n";
+            out << "| Field | Value | Required | Meaning |\n|---|---|---|---|\n";
         }
         for (const Param &param : function.params) {
             out << "| `" << param.name << "` | " << typeText(param) << " | "
-                << (param.required ? "required" : "") << " | " << param.help << " |\n";
+                << (param.required ? "yes" : "") << " | " << param.help << " |\n";
         }
         out << (function.params.empty() ? "" : "\n")
             << (*function.returns == '\0' ? ""

@@ -252,8 +252,8 @@ Values readPositional(lua_State *L, const std::vector<Param> &params, const std:
 {
     const int given = lua_gettop(L);
     if (given > static_cast<int>(params.size())) {
-        throw ScriptError(who + ": takes " + std::to_string(params.size()) + " arguments, not " +
-                          std::to_string(given));
+        throw ScriptError(who + ": takes at most " + std::to_string(params.size()) +
+                          " arguments, not " + std::to_string(given));
     }
     Values values;
     int index = 0;
@@ -386,14 +386,32 @@ std::string where(lua_State *L)
     return "";
 }
 
+/* Only error("...") adds a position; error({}) comes as the bare table. */
+static int addPosition(lua_State *L)
+{
+    if (lua_type(L, -1) != LUA_TSTRING) {
+        const std::string text =
+            where(L) + "error without a message (a " + typeName(L, -1) + " value)";
+        lua_pushlstring(L, text.data(), text.size());
+    }
+    return 1;
+}
+
+bool protectedCall(lua_State *L, int arguments, int results)
+{
+    const int handler = lua_gettop(L) - arguments;
+    lua_pushcfunction(L, addPosition);
+    lua_insert(L, handler);
+    const int status = lua_pcall(L, arguments, results, handler);
+    lua_remove(L, handler);
+    return status == LUA_OK;
+}
+
 std::string popError(lua_State *L)
 {
-    std::string text = "error without a message (a " + typeName(L, -1) + " value)";
-    if (lua_type(L, -1) == LUA_TSTRING || lua_type(L, -1) == LUA_TNUMBER) {
-        std::size_t length = 0;
-        const char *message = lua_tolstring(L, -1, &length);
-        text.assign(message, length);
-    }
+    std::size_t length = 0;
+    const char *message = lua_tolstring(L, -1, &length);
+    std::string text = message != nullptr ? std::string(message, length) : "unknown error";
     lua_pop(L, 1);
     std::ranges::replace(text, '\n', ' ');
     return text;

@@ -167,7 +167,11 @@ void defineFunctions(lua_State *L, Host &host, const std::vector<Function> &func
 /* "script.lua:12: " of the innermost script line that is running, or "". */
 std::string where(lua_State *L);
 
-/* The error value on top of the stack as one line; pops it. */
+/*
+ * lua_pcall, but an error that does not say where it happened gets its position. After a failure
+ * popError() takes the error off the stack, as one line.
+ */
+bool protectedCall(lua_State *L, int arguments, int results);
 std::string popError(lua_State *L);
 
 } // namespace host

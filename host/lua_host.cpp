@@ -1,4 +1,5 @@
 /* host, expect: time, waiting, patches, load, and what the scenario is to show. */
+#include <algorithm>
 #include <cmath>
 
 #include "host.h"
@@ -44,7 +45,7 @@ static bool conditionHolds(Call &call, int function)
 {
     const Printer::Quiet quiet(call.host.printer);
     lua_pushvalue(call.L, function);
-    if (lua_pcall(call.L, 0, 1, 0) != LUA_OK) {
+    if (!protectedCall(call.L, 0, 1)) {
         throw HandlerError(popError(call.L));
     }
     const bool holds = lua_toboolean(call.L, -1) != 0;
@@ -169,18 +170,27 @@ static std::string show(lua_State *L, int index, int depth = 0)
     default:
         return std::string("a ") + lua_typename(L, lua_type(L, index));
     }
-    std::string text = "{";
+    // In the order of the keys, so that a complaint reads the same every time.
+    std::vector<std::string> parts;
     lua_pushnil(L);
     while (lua_next(L, index) != 0) {
         const int value = lua_gettop(L);
-        text += text.size() > 1 ? ", " : "";
+        std::string part;
         if (lua_type(L, value - 1) == LUA_TSTRING) {
-            text += std::string(lua_tostring(L, value - 1)) + "=";
+            part = std::string(lua_tostring(L, value - 1)) + "=";
         }
-        text += depth < 3 && lua_checkstack(L, 8) ? show(L, value, depth + 1) : "...";
+        part += depth < 3 && lua_checkstack(L, 8) ? show(L, value, depth + 1) : "...";
+        parts.push_back(std::move(part));
         lua_pop(L, 1);
     }
-    return text + "}";
+    if (lua_rawlen(L, index) == 0) {
+        std::ranges::sort(parts);
+    }
+    std::string text;
+    for (const std::string &part : parts) {
+        text += (text.empty() ? "" : ", ") + part;
+    }
+    return "{" + text + "}";
 }
 
 static int expect(Call &call)

@@ -18,10 +18,14 @@ using namespace host;
 
 /* ---- options ---- */
 
+/* As the debug log service numbers them. */
+static u32 debugLevel(const std::string &name)
+{
+    return name == "error" ? 2 : name == "warning" ? 3 : 4;
+}
+
 static void addOptions(CLI::App &app, Options &options)
 {
-    const std::vector<std::pair<std::string, u32>> levels = {
-        {"error", 2}, {"warning", 3}, {"info", 4}};
     app.add_option("--module", options.module, "The module to load")->take_last();
     app.add_option("--slot", options.services.slot, "Slot of the board")->take_last();
     app.add_option("--speed", options.speed, "Play the device's time so many times as fast")
@@ -32,9 +36,11 @@ static void addOptions(CLI::App &app, Options &options)
         ->take_last();
     app.add_option("--debug-log", options.services.debugLog, "Write the module's debug log here")
         ->take_last();
-    app.add_option("--debug-level", options.services.debugLevel,
-                   "What the debug log keeps: error, warning or info")
-        ->transform(CLI::CheckedTransformer(levels))
+    app.add_option_function<std::string>(
+           "--debug-level",
+           [&](const std::string &level) { options.services.debugLevel = debugLevel(level); },
+           "What the debug log keeps: info (all), warning or error")
+        ->check(CLI::IsMember({"error", "warning", "info"}))
         ->take_last();
     app.add_option("--black-box", options.services.blackBox, "Append events and errors here")
         ->take_last();

@@ -54,8 +54,13 @@ void Scenario::play(const std::string &path)
     lua_pushlightuserdata(main_, &host_);
     lua_pushcclosure(main_, printFunction, 1);
     lua_setglobal(main_, "print");
+    // A scenario that could end the process would end it unjudged.
+    lua_getglobal(main_, "os");
+    lua_pushnil(main_);
+    setTop(main_, "exit");
+    lua_pop(main_, 1);
 
-    if (luaL_loadfilex(main_, path.c_str(), "t") != LUA_OK || lua_pcall(main_, 0, 0, 0) != LUA_OK) {
+    if (luaL_loadfilex(main_, path.c_str(), "t") != LUA_OK || !protectedCall(main_, 0, 0)) {
         throw ScriptError(popError(main_));
     }
     // What came last is still the scenario's, and its handlers may still fail.
@@ -147,7 +152,7 @@ u32 Scenario::handle(const Notification &notification)
     }
     lua_pushstring(L, tableName(notification.table));
     ++depth_;
-    const bool failed = lua_pcall(L, 4, 1, 0) != LUA_OK;
+    const bool failed = !protectedCall(L, 4, 1);
     --depth_;
     if (failed) {
         const std::string error = popError(L);
