@@ -43,6 +43,7 @@ constexpr u64 MAX_BLOCK = 1ULL << 32; /* bytes; a larger request is a fault of t
 
 constexpr u64 CLASS_STEP = 16;                 /* bytes between size classes, header included */
 constexpr u32 CLASSES = 1024 / CLASS_STEP + 1; /* the last one: CLASSES - 1 steps */
+constexpr u64 MAX_SMALL = (CLASSES - 1) * CLASS_STEP - CLASS_STEP; /* less the header */
 constexpr u64 CHUNK_BYTES = 0x10000;
 constexpr u64 BATCH_BYTES = 0x2000; /* about as much moves between a cache and the pool */
 
@@ -51,7 +52,7 @@ struct alignas(16) Header {
     u64 size; /* as asked for */
     u32 mark; /* liveMark() while the block is live */
     u8 partition;
-    u8 sizeClass; /* 0: the C library's */
+    u8 sizeClass; /* for ever; 0: the C library's, in no cache */
 };
 static_assert(sizeof(Header) == 16);
 
@@ -62,14 +63,15 @@ struct FreeBlock {
 
 struct Cache {
     FreeBlock *first;
-    u32 count;
+    u32 room; /* blocks it takes before it is full */
 };
 
-/* Written by its thread only, read by whoever sums up. */
-struct Count {
-    std::atomic<u64> blocks;
-    std::atomic<u64> bytes;
-};
+/*
+ * Live blocks and bytes in one word, so that one addition counts both. Written by its thread only,
+ * read by whoever sums up; a single thread's may have wrapped around.
+ */
+using Count = std::atomic<u64>;
+constexpr u32 BYTES_BITS = 36;
 
 struct ThreadMemory {
     Cache caches[CLASSES];
@@ -81,13 +83,14 @@ struct ThreadMemory {
 struct Partition {
     std::atomic<u64> limit;   /* 0: none */
     std::atomic<u64> charged; /* bytes; kept while there is a limit */
-    u64 blocks;               /* counts of threads that ended, guarded by g_mutex */
-    u64 bytes;
+    u64 ended;                /* Count of the threads that ended, guarded by g_mutex */
 };
 
 std::mutex g_handleMutex;
 char g_handleNames[MAX_HANDLES][MAX_NAME];
-std::atomic<u32> g_handleCount; /* handles are 1 to this; the names before it are constant */
+std::atomic<u32> g_handleCount;  /* handles are 1 to this; their names are constant */
+std::atomic<u32> g_shortHandles; /* as g_handleCount, but 0 while a partition has a limit */
+u32 g_limits;                    /* partitions with one */
 
 Partition g_partitions[PARTITIONS];
 
@@ -102,7 +105,10 @@ pthread_once_t g_keyOnce = PTHREAD_ONCE_INIT;
 pthread_key_t g_key; /* runs endThread at a thread's end */
 bool g_hasKey;
 
-__attribute__((tls_model("initial-exec"))) thread_local ThreadMemory *t_memory;
+/* Stands for the memory of a thread that has none yet: no blocks to take, no room to give. */
+ThreadMemory g_noMemory;
+
+__attribute__((tls_model("initial-exec"))) thread_local ThreadMemory *t_memory = &g_noMemory;
 
 bool isHandle(u32 handle)
 {
@@ -112,7 +118,7 @@ bool isHandle(u32 handle)
 /* Bound to the address, so that copied bytes do not pass for a block. */
 u32 liveMark(const Header *header)
 {
-    return 0x9E3779B1U ^ static_cast<u32>(reinterpret_cast<u64>(header) >> 4);
+    return 0x9E3779B1U ^ static_cast<u32>(reinterpret_cast<u64>(header));
 }
 
 /* Not instrumented: it is meant to answer for freed blocks as well. */
@@ -123,24 +129,25 @@ __attribute__((no_sanitize("address", "thread"))) bool isLive(const Header *head
 
 /* ---- Counting ---- */
 
-void count(ThreadMemory *memory, u8 partition, u64 blocks, u64 bytes)
+constexpr u64 asCount(u64 blocks, u64 bytes)
 {
-    Count &counted = memory->counts[partition];
+    return (blocks << BYTES_BITS) + bytes;
+}
+
+void add(Count *count, u64 change)
+{
     constexpr auto relaxed = std::memory_order_relaxed;
-    counted.blocks.store(counted.blocks.load(relaxed) + blocks, relaxed);
-    counted.bytes.store(counted.bytes.load(relaxed) + bytes, relaxed);
+    count->store(count->load(relaxed) + change, relaxed);
 }
 
 /* Needs g_mutex. */
 ZIR_PartitionStat sumUp(u8 partition)
 {
-    const Partition &from = g_partitions[partition];
-    ZIR_PartitionStat sum = {from.blocks, from.bytes, from.limit};
+    u64 sum = g_partitions[partition].ended;
     for (const ThreadMemory *memory = g_threads; memory != nullptr; memory = memory->next) {
-        sum.liveBlocks += memory->counts[partition].blocks.load(std::memory_order_relaxed);
-        sum.liveBytes += memory->counts[partition].bytes.load(std::memory_order_relaxed);
+        sum += memory->counts[partition].load(std::memory_order_relaxed);
     }
-    return sum;
+    return {sum >> BYTES_BITS, sum & ((1ULL << BYTES_BITS) - 1), g_partitions[partition].limit};
 }
 
 bool charge(Partition *partition, u64 bytes)
@@ -196,6 +203,7 @@ FreeBlock *carveBlock(u32 sizeClass)
         g_chunkLeft = CHUNK_BYTES - CLASS_STEP;
     }
     auto *block = reinterpret_cast<FreeBlock *>(g_chunkFree);
+    block->header.sizeClass = static_cast<u8>(sizeClass);
     g_chunkFree += blockBytes(sizeClass);
     g_chunkLeft -= blockBytes(sizeClass);
     return block;
@@ -217,7 +225,7 @@ void fillCache(Cache *cache, u32 sizeClass)
         }
         *link = block;
         link = &block->next;
-        ++cache->count;
+        --cache->room;
     }
     *link = nullptr;
 }
@@ -228,7 +236,7 @@ void drainCache(Cache *cache, u32 sizeClass, u32 most)
     for (u32 moved = 0; moved < most && cache->first != nullptr; ++moved) {
         FreeBlock *block = cache->first;
         cache->first = block->next;
-        --cache->count;
+        ++cache->room;
         block->next = g_pool[sizeClass];
         g_pool[sizeClass] = block;
     }
@@ -239,15 +247,14 @@ void drainCache(Cache *cache, u32 sizeClass, u32 most)
 void endThread(void *ended)
 {
     auto *memory = static_cast<ThreadMemory *>(ended);
-    t_memory = nullptr;
+    t_memory = &g_noMemory;
     {
         const std::lock_guard lock(g_mutex);
         for (u32 i = 0; i < PARTITIONS; ++i) {
-            g_partitions[i].blocks += memory->counts[i].blocks;
-            g_partitions[i].bytes += memory->counts[i].bytes;
+            g_partitions[i].ended += memory->counts[i];
         }
         for (u32 i = 1; i < CLASSES; ++i) {
-            drainCache(&memory->caches[i], i, memory->caches[i].count);
+            drainCache(&memory->caches[i], i, 2 * BATCH[i]);
         }
         (memory->previous != nullptr ? memory->previous->next : g_threads) = memory->next;
         if (memory->next != nullptr) {
@@ -270,6 +277,10 @@ ThreadMemory *beginThread()
         free(memory);
         return nullptr;
     }
+    /* Two batches: one thread may free what another allocates, for ever. */
+    for (u32 i = 1; i < CLASSES; ++i) {
+        memory->caches[i].room = 2 * BATCH[i];
+    }
     const std::lock_guard lock(g_mutex);
     memory->next = g_threads;
     if (g_threads != nullptr) {
@@ -282,53 +293,132 @@ ThreadMemory *beginThread()
 
 ThreadMemory *threadMemory()
 {
-    return t_memory != nullptr ? t_memory : beginThread();
+    return t_memory != &g_noMemory ? t_memory : beginThread();
 }
 
 /* ---- Blocks ---- */
 
-Header *takeBlock(ThreadMemory *memory, u64 size)
+/* Whether a cache has blocks of that size. */
+bool isSmall(u64 size)
 {
-    const u64 steps = (size + sizeof(Header) + CLASS_STEP - 1) / CLASS_STEP;
-    if (!IS_CACHED || steps >= CLASSES) {
-        auto *header = static_cast<Header *>(malloc(sizeof(Header) + size));
-        if (header != nullptr) {
-            header->sizeClass = 0;
-        }
-        return header;
+    return IS_CACHED && size - 1 < MAX_SMALL;
+}
+
+u32 classOf(u64 size)
+{
+    return static_cast<u32>((size + sizeof(Header) + CLASS_STEP - 1) / CLASS_STEP);
+}
+
+/* The cache must not be empty. */
+Header *popBlock(Cache *cache)
+{
+    FreeBlock *block = cache->first;
+    cache->first = block->next;
+    ++cache->room;
+    return &block->header;
+}
+
+/* The cache must have room. */
+void pushBlock(Cache *cache, Header *header)
+{
+    auto *block = reinterpret_cast<FreeBlock *>(header);
+    block->next = cache->first;
+    cache->first = block;
+    --cache->room;
+}
+
+void *beginBlock(ThreadMemory *memory, Header *header, u8 partition, u64 size)
+{
+    header->size = size;
+    header->partition = partition;
+    header->mark = liveMark(header);
+    add(&memory->counts[partition], asCount(1, size));
+    return header + 1;
+}
+
+void endBlock(ThreadMemory *memory, Header *header)
+{
+    header->mark = 0;
+    add(&memory->counts[header->partition], -asCount(1, header->size));
+}
+
+Header *takeLarge(u64 size)
+{
+    auto *header = static_cast<Header *>(malloc(sizeof(Header) + size));
+    if (header != nullptr) {
+        header->sizeClass = 0;
     }
-    const auto sizeClass = static_cast<u32>(steps);
+    return header;
+}
+
+Header *takeSmall(ThreadMemory *memory, u64 size)
+{
+    const u32 sizeClass = classOf(size);
     Cache *cache = &memory->caches[sizeClass];
     if (cache->first == nullptr) {
         const std::lock_guard lock(g_mutex);
         fillCache(cache, sizeClass);
     }
-    FreeBlock *block = cache->first;
-    if (block == nullptr) {
-        return nullptr;
-    }
-    cache->first = block->next;
-    --cache->count;
-    block->header.sizeClass = static_cast<u8>(sizeClass);
-    return &block->header;
+    return cache->first != nullptr ? popBlock(cache) : nullptr;
 }
 
-void giveBlock(ThreadMemory *memory, Header *header)
+void giveSmall(ThreadMemory *memory, Header *header)
 {
     const u32 sizeClass = header->sizeClass;
-    if (sizeClass == 0) {
-        free(header);
-        return;
-    }
     Cache *cache = &memory->caches[sizeClass];
-    auto *block = reinterpret_cast<FreeBlock *>(header);
-    block->next = cache->first;
-    cache->first = block;
-    /* Two batches are the most: one thread may free what another allocates, for ever. */
-    if (++cache->count > 2 * BATCH[sizeClass]) {
+    if (cache->room == 0) {
         const std::lock_guard lock(g_mutex);
         drainCache(cache, sizeClass, BATCH[sizeClass]);
     }
+    pushBlock(cache, header);
+}
+
+/* What ZIR_MemAlloc does when its short way is barred, with every check of its own. */
+__attribute__((noinline)) void *allocateSlowly(u32 handle, u8 partition, u64 size)
+{
+    ThreadMemory *memory = threadMemory();
+    if (!isHandle(handle) || size == 0 || size > MAX_BLOCK || memory == nullptr ||
+        !charge(&g_partitions[partition], size)) {
+        return nullptr;
+    }
+    Header *header = isSmall(size) ? takeSmall(memory, size) : takeLarge(size);
+    if (header == nullptr) {
+        discharge(&g_partitions[partition], size);
+        return nullptr;
+    }
+    return beginBlock(memory, header, partition, size);
+}
+
+__attribute__((noinline)) u32 freeSlowly(u32 handle, void *block)
+{
+    if (block == nullptr || !isHandle(handle) || reinterpret_cast<u64>(block) % 16 != 0) {
+        return QOR_FAIL;
+    }
+    Header *header = static_cast<Header *>(block) - 1;
+    ThreadMemory *memory = threadMemory();
+    if (!isLive(header) || memory == nullptr) {
+        return QOR_FAIL;
+    }
+    discharge(&g_partitions[header->partition], header->size);
+    endBlock(memory, header);
+    if (header->sizeClass == 0) {
+        free(header);
+    } else {
+        giveSmall(memory, header);
+    }
+    return QOR_OK;
+}
+
+/* Whether the handle is known and no partition has a limit, in one comparison. */
+bool hasShortWay(u32 handle)
+{
+    return handle - 1 < g_shortHandles.load(std::memory_order_acquire);
+}
+
+/* Needs g_handleMutex. */
+void updateShortWay()
+{
+    g_shortHandles.store(g_limits == 0 ? g_handleCount.load() : 0, std::memory_order_release);
 }
 
 } // namespace
@@ -350,47 +440,43 @@ u32 ZIR_HandleInitialize(const char *name, u32 *handle)
     if (i == known) {
         (void)memcpy(g_handleNames[i], name, strlen(name) + 1);
         g_handleCount.store(known + 1, std::memory_order_release);
+        updateShortWay();
     }
     *handle = i + 1;
     return QOR_OK;
 }
 
+/* The short way: a small block out of the thread's cache. */
 void *ZIR_MemAlloc(u32 handle, u8 partition, u64 size)
 {
-    ThreadMemory *memory = threadMemory();
-    if (!isHandle(handle) || size == 0 || size > MAX_BLOCK || memory == nullptr ||
-        !charge(&g_partitions[partition], size)) {
-        return nullptr;
+    if (!hasShortWay(handle) || !isSmall(size)) {
+        return allocateSlowly(handle, partition, size);
     }
-    Header *header = takeBlock(memory, size);
-    if (header == nullptr) {
-        discharge(&g_partitions[partition], size);
-        return nullptr;
+    ThreadMemory *memory = t_memory;
+    Cache *cache = &memory->caches[classOf(size)];
+    if (cache->first == nullptr) {
+        return allocateSlowly(handle, partition, size);
     }
-    header->size = size;
-    header->partition = partition;
-    header->mark = liveMark(header);
-    count(memory, partition, 1, size);
-    return header + 1;
+    return beginBlock(memory, popBlock(cache), partition, size);
 }
 
+/* The short way: into the thread's cache, which has no room for what is not small. */
 u32 ZIR_MemFree(u32 handle, void *block)
 {
-    if (block == nullptr || !isHandle(handle) || reinterpret_cast<u64>(block) % 16 != 0) {
-        return QOR_FAIL;
+    if (!hasShortWay(handle) || block == nullptr || reinterpret_cast<u64>(block) % 16 != 0) {
+        return freeSlowly(handle, block);
     }
-    auto *header = static_cast<Header *>(block) - 1;
+    Header *header = static_cast<Header *>(block) - 1;
     if (!isLive(header)) {
         return QOR_FAIL;
     }
-    ThreadMemory *memory = threadMemory();
-    if (memory == nullptr) {
-        return QOR_FAIL;
+    ThreadMemory *memory = t_memory;
+    Cache *cache = &memory->caches[header->sizeClass];
+    if (cache->room == 0) {
+        return freeSlowly(handle, block);
     }
-    header->mark = 0;
-    discharge(&g_partitions[header->partition], header->size);
-    count(memory, header->partition, -1ULL, -header->size);
-    giveBlock(memory, header);
+    endBlock(memory, header);
+    pushBlock(cache, header);
     return QOR_OK;
 }
 
@@ -415,7 +501,11 @@ void ZIR_PartitionGetStat(u8 partition, ZIR_PartitionStat *stat)
 
 void ZIR_PartitionSetLimit(u8 partition, u64 limitBytes)
 {
+    Partition &target = g_partitions[partition];
+    const std::lock_guard handleLock(g_handleMutex);
     const std::lock_guard lock(g_mutex);
-    g_partitions[partition].charged = sumUp(partition).liveBytes;
-    g_partitions[partition].limit = limitBytes;
+    g_limits += (limitBytes != 0 ? 1 : 0) - (target.limit != 0 ? 1 : 0);
+    target.charged = sumUp(partition).liveBytes;
+    target.limit = limitBytes;
+    updateShortWay();
 }
