@@ -1,4 +1,5 @@
 /* l2rsm-host: loads the resource manager, gives it a device to live in and plays a scenario. */
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -11,6 +12,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "comp_registry.h"
 #include "host.h"
 #include "lua_api.h"
 
@@ -70,10 +72,13 @@ static void parseWords(CLI::App &app, std::vector<std::string> words)
     app.parse(words);
 }
 
+/* The module stands beside the platform's library, wherever the two are installed. */
 static std::string defaultModule()
 {
-    const auto executable = std::filesystem::read_symlink("/proc/self/exe");
-    return (executable.parent_path() / "../lib/libqor_l2rsm.so").lexically_normal().string();
+    Dl_info platform{};
+    dladdr(reinterpret_cast<const void *>(&COMP_GetVTable), &platform);
+    const auto library = std::filesystem::canonical(platform.dli_fname);
+    return (library.parent_path() / "libqor_l2rsm.so").string();
 }
 
 /* Throws CLI::ParseError; a problem in the script's own line is positioned there. */
