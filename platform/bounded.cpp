@@ -25,6 +25,31 @@ int failEmpty(char *dest, int result)
     return result;
 }
 
+__attribute__((format(printf, 4, 0))) int formatBounded(char *dest, size_t destSize, size_t limit,
+                                                        const char *format, va_list arguments)
+{
+    if (!isDestination(dest, destSize)) {
+        return -1;
+    }
+    if (format == nullptr) {
+        return failEmpty(dest, -1);
+    }
+    const bool cuts = limit < destSize;
+    const size_t room = cuts ? limit + 1 : destSize;
+    int length = formatSimple(dest, room, format, arguments);
+    if (length >= 0) {
+        return length;
+    }
+    length = vsnprintf(dest, room, format, arguments);
+    if (length >= 0 && static_cast<size_t>(length) < room) {
+        return length;
+    }
+    if (length < 0 || !cuts) {
+        return failEmpty(dest, -1);
+    }
+    return static_cast<int>(limit);
+}
+
 } // namespace
 
 int memcpy_s(void *dest, size_t destSize, const void *src, size_t count)
@@ -93,33 +118,14 @@ int strcat_s(char *dest, size_t destSize, const char *src)
 
 int vsnprintf_s(char *dest, size_t destSize, size_t limit, const char *format, va_list arguments)
 {
-    if (!isDestination(dest, destSize)) {
-        return -1;
-    }
-    if (format == nullptr) {
-        return failEmpty(dest, -1);
-    }
-    const bool cuts = limit < destSize;
-    const size_t room = cuts ? limit + 1 : destSize;
-    int length = formatSimple(dest, room, format, arguments);
-    if (length >= 0) {
-        return length;
-    }
-    length = vsnprintf(dest, room, format, arguments);
-    if (length >= 0 && static_cast<size_t>(length) < room) {
-        return length;
-    }
-    if (length < 0 || !cuts) {
-        return failEmpty(dest, -1);
-    }
-    return static_cast<int>(limit);
+    return formatBounded(dest, destSize, limit, format, arguments);
 }
 
 int snprintf_s(char *dest, size_t destSize, size_t limit, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    const int length = vsnprintf_s(dest, destSize, limit, format, arguments);
+    const int length = formatBounded(dest, destSize, limit, format, arguments);
     va_end(arguments);
     return length;
 }
@@ -128,7 +134,7 @@ int sprintf_s(char *dest, size_t destSize, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    const int length = vsnprintf_s(dest, destSize, destSize, format, arguments);
+    const int length = formatBounded(dest, destSize, destSize, format, arguments);
     va_end(arguments);
     return length;
 }

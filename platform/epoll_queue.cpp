@@ -74,6 +74,13 @@ bool lives(const Queue *queue, QorQueueHandle handle)
     return queue->generation.load(std::memory_order_relaxed) == generationOf(handle);
 }
 
+u32 countWaiting(QorQueueHandle handle)
+{
+    const Queue *queue = slotOf(handle);
+    return queue != nullptr && lives(queue, handle) ? queue->count.load(std::memory_order_relaxed)
+                                                    : 0;
+}
+
 void signalNonEmpty(const Queue *queue)
 {
     const u64 one = 1;
@@ -234,8 +241,7 @@ u32 QorEpollQueDelete(QorQueueHandle *queue)
 
 u32 QorEpollQueGetMsgNum(QorQueueHandle queue)
 {
-    const Queue *slot = slotOf(queue);
-    return slot != nullptr && lives(slot, queue) ? slot->count.load(std::memory_order_relaxed) : 0;
+    return countWaiting(queue);
 }
 
 u32 QorEpollQueWrite(QorQueueHandle queue, const void *element, u32 size, u32 timeoutMs)
@@ -287,7 +293,7 @@ u32 QOR_Epoll_EvtProc(struct epoll_event *events, u32 count)
         const QorQueueHandle queue = context->queue;
         const auto handler = context->handler;
         for (u32 handled = 0; handled < DISPATCH_BATCH; ++handled) {
-            if (handler(queue, context) != 0 || QorEpollQueGetMsgNum(queue) == 0) {
+            if (handler(queue, context) != 0 || countWaiting(queue) == 0) {
                 break;
             }
         }

@@ -381,6 +381,31 @@ Position findKey(Table *table, const void *key)
     return {bucket, index, index < bucket->count};
 }
 
+/* ---- Iteration ---- */
+
+HASH_Element *nextElement(Table *table)
+{
+    for (; table->cursorSlab != nullptr; table->cursorSlab = table->cursorSlab->next) {
+        const Slab *slab = table->cursorSlab;
+        while (table->cursorIndex < slab->used) {
+            const u32 index = table->cursorIndex;
+            const u64 live = slab->live[index / BITS] >> index % BITS;
+            if (live != 0) {
+                const u32 found = index + static_cast<u32>(std::countr_zero(live));
+                table->cursorIndex = found + 1;
+                unsigned char *node = slab->nodes + static_cast<u64>(found) * table->stride;
+                /* The end of a node to come: a walk looks at the bookkeeping behind the keys. */
+                __builtin_prefetch(node + static_cast<u64>(WALK_AHEAD) * table->stride - 1);
+                table->element.node = node;
+                return &table->element;
+            }
+            table->cursorIndex = (index / BITS + 1) * BITS;
+        }
+        table->cursorIndex = 0;
+    }
+    return nullptr;
+}
+
 } // namespace
 
 HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_HashFunc hash,
@@ -500,34 +525,12 @@ HASH_Element *HASH_GetFirstNode(HASH_Handle handle)
     }
     table->cursorSlab = table->firstSlab;
     table->cursorIndex = 0;
-    return HASH_GetNextNode(handle);
+    return nextElement(table);
 }
 
 HASH_Element *HASH_GetNextNode(HASH_Handle handle)
 {
-    Table *table = tableOf(handle);
-    if (table == nullptr) {
-        return nullptr;
-    }
-    for (; table->cursorSlab != nullptr; table->cursorSlab = table->cursorSlab->next) {
-        const Slab *slab = table->cursorSlab;
-        while (table->cursorIndex < slab->used) {
-            const u32 index = table->cursorIndex;
-            const u64 live = slab->live[index / BITS] >> index % BITS;
-            if (live != 0) {
-                const u32 found = index + static_cast<u32>(std::countr_zero(live));
-                table->cursorIndex = found + 1;
-                unsigned char *node = slab->nodes + static_cast<u64>(found) * table->stride;
-                /* The end of a node to come: a walk looks at the bookkeeping behind the keys. */
-                __builtin_prefetch(node + static_cast<u64>(WALK_AHEAD) * table->stride - 1);
-                table->element.node = node;
-                return &table->element;
-            }
-            table->cursorIndex = (index / BITS + 1) * BITS;
-        }
-        table->cursorIndex = 0;
-    }
-    return nullptr;
+    return handle != nullptr ? nextElement(tableOf(handle)) : nullptr;
 }
 
 void HASH_DeleteHash(HASH_Handle *handle)

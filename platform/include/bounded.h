@@ -4,7 +4,8 @@
  * Each call knows its destination's size and never writes beyond it. On failure (null pointer, zero
  * or too small destination, count above the destination) the result says so and the destination,
  * if there is one, is emptied: zeroed by memcpy_s, and by memset_s up to its size; made the empty
- * string by the string calls. Copies may overlap.
+ * string by the string calls. Copies may overlap. A size beyond half the address space comes from a
+ * subtraction that wrapped: a failure that touches nothing.
  */
 #ifndef BOUNDED_H
 #define BOUNDED_H

@@ -11,10 +11,16 @@
 
 QOR_BEGIN_C
 
-/* A handle for `name`; the same name gets the same handle. 0, or 1: null argument, no handle left. */
+/*
+ * A handle for `name`; the same name gets the same handle. 0, or 1: null argument, a name of more
+ * than 63 characters, no handle left (there are 256).
+ */
 QOR_API u32 ZIR_HandleInitialize(const char *name, u32 *handle);
 
-/* `size` bytes, not cleared. Null: unknown handle, size 0, the partition's limit, no memory. */
+/*
+ * `size` bytes, not cleared. Null: unknown handle, size 0 or above 4 GB, the partition's limit, no
+ * memory.
+ */
 QOR_API void *ZIR_MemAlloc(u32 handle, u8 partition, u64 size);
 
 /* 0, or 1 for null, an unknown handle, or an address that is not the start of a live block. */
