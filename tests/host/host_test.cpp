@@ -95,6 +95,7 @@ const std::vector<ScenarioRow> scenarios = {
       R"(ALARM icib_pp raised: slot 3 threshold=4096 code=581 text="The number of ICIB_PP entries exceeded)",
       R"(notify event=free table=icib service=3 .* data="group 7" \(on QOR_L2RSM\))",
       R"(ALARM icib_pp cleared: slot 3)", R"(notify event=idle table=icib service=1 )"}},
+    {"first.lua", {R"(icib\.add service=2 .* -> 4 wait\n)"}},
     {"worker_release.lua", {R"(data="first" \(on QOR_L2RSM\) -> 0\n)", R"(data="second")"}},
     {"alarm_life.lua",
      {R"(ALARM lem raised: slot 5 threshold=2048 code=170)",
