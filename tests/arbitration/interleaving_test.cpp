@@ -1,0 +1,331 @@
+// What happens when another request comes in between two steps of one: each test runs it at the very
+// point, from a message, from the release of a mutex or from a callback.
+#include <gtest/gtest.h>
+
+#include <semaphore>
+#include <thread>
+
+#include "arbitration_support.h"
+#include "support/faults.h"
+
+namespace {
+
+using journal::Lines;
+
+class Interleaving : public Arbitration {};
+
+unsigned Notified()
+{
+    return static_cast<unsigned>(journal::Only(journal::kNotify).size());
+}
+
+void OnOtherThread(const std::function<void()> &act)
+{
+    std::thread(act).join();
+}
+
+std::string Searched(const Side &side)
+{
+    return side.icib ? "L2ResIcibOpHashSearch" : "L2ResIpatOpHashSearch";
+}
+
+// Both find the entry free. The one that comes second to store is judged again.
+TEST_F(Interleaving, OfTwoAddsOnlyOneIsGranted)
+{
+    ForBoth([this](const Side &side) {
+        for (const auto &[stamp, result] : {std::pair{50u, 1u}, {150u, 4u}}) {
+            AtMessage(Searched(side) + " No Data", [&] {
+                OnOtherThread([&] { EXPECT_EQ(side.Get(kAdd, {2, 20, 100}), 0u); });
+            });
+            EXPECT_EQ(side.Get(kAdd, {1, 10, stamp}), result);
+            EXPECT_EQ(side.Record()->SrvType, 20u);
+            EXPECT_EQ(side.Record()->Stamp, 100u);
+            EXPECT_EQ(side.WaitingCount(), result == 4 ? 1u : 0u);
+            side.Clean();
+        }
+        ExpectNothingLeft();
+    });
+}
+
+// The holder changes after it was judged: by its own type, by its token's release, by a delete.
+TEST_F(Interleaving, AHolderThatChangedIsJudgedAgain)
+{
+    struct Change {
+        std::function<void(const Side &)> act;
+        u32 icibResult, ipatResult;
+        u64 icibStamp, ipatStamp;
+        u32 icibUsed;
+    };
+    const Change changes[] = {
+        {[](const Side &s) {
+             EXPECT_EQ(s.Get(kUpdate, {3, 10, 300}), 0u);
+         },
+         0, 1, 200, 300, 1},
+        {[](const Side &s) {
+             EXPECT_EQ(s.Get(kDelete, {3, 10, 300}), 0u);
+         },
+         1, 1, 300, 300, 1},
+        {[](const Side &s) {
+             EXPECT_EQ(s.Get(kAdd, {3, 10, 50}), s.icib ? 4u : 0u);
+         },
+         0, 0, 200, 200, 1},
+        {[](const Side &s) { EXPECT_EQ(s.Free(kAdd), 0u); }, 0, 3, 200, 200, 1},
+        {[](const Side &s) { EXPECT_EQ(s.Free(kDelete), 0u); }, 3, 3, 0, 200, 0},
+    };
+    ForBoth([&](const Side &side) {
+        for (const Change &change : changes) {
+            EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+            AtMessage("L2ResUpdateMutex Op:2", [&] { OnOtherThread([&] { change.act(side); }); });
+            EXPECT_EQ(side.Get(kUpdate, {2, 10, 200}),
+                      side.icib ? change.icibResult : change.ipatResult);
+            const u64 stamp = side.icib ? change.icibStamp : change.ipatStamp;
+            ASSERT_EQ(side.Record() != nullptr, stamp != 0);
+            if (stamp != 0) {
+                EXPECT_EQ(side.Record()->Stamp, stamp);
+                EXPECT_EQ(side.Record()->Used, side.icib ? change.icibUsed : 0u);
+            }
+            side.Clean();
+        }
+        ExpectNothingLeft();
+    });
+}
+
+// A repeat keeps the holder's Used as it is when the record is stored, not as it was when judged.
+TEST_F(Interleaving, ARepeatDoesNotUndoARelease)
+{
+    EXPECT_EQ(kIcib.Get(kAdd, {1, 10, 100}), 0u);
+    AtMessage("L2ResAddMutex Op:0", [] { EXPECT_EQ(kIcib.Free(kAdd), 0u); });
+    EXPECT_EQ(kIcib.Get(kAdd, {1, 10, 200}), 4u);
+    EXPECT_EQ(kIcib.Record()->Used, 0u);
+    EXPECT_EQ(kIcib.Record()->Stamp, 200u);
+
+    // And a release clears Used on the record it meets, not on the one it was asked about.
+    AtMessage("L2ResIcibOpHashSearch,", [] { EXPECT_EQ(kIcib.Get(kUpdate, {1, 10, 300}), 0u); });
+    EXPECT_EQ(kIcib.Free(kUpdate), 0u);
+    EXPECT_EQ(kIcib.Record()->Stamp, 300u);
+}
+
+// The holder goes before the request is recorded as waiting: nobody else would ever notify it.
+TEST_F(Interleaving, AnOvertakenWaitIsTakenBackAndJudgedAgain)
+{
+    ForBoth([this](const Side &side) {
+        EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+        AtMessage("L2ResAddMutex Op:0,IsOp:0", [&] { EXPECT_EQ(side.Free(kDelete), 0u); });
+        EXPECT_EQ(side.Get(kAdd, {2, 20, 200, "A"}), 0u);
+        EXPECT_EQ(side.Record()->SrvType, 20u);
+        EXPECT_EQ(side.Waiting(), nullptr);
+        EXPECT_EQ(Notified(), 0u);
+
+        // The same with a release caught between its two steps, and a request before it in the list.
+        EXPECT_EQ(side.Get(kDelete, {3, 30, 1, "B"}), 4u);
+        std::binary_semaphore halfway{0}, goOn{0};
+        std::thread releaser;
+        AtMessage(side.icib ? "L2ResIcibOpDel" : "L2ResIpatOpDel", [&] {
+            halfway.release();
+            goOn.acquire();
+        });
+        AtMessage("L2ResAddMutex Op:0,IsOp:0", [&] {
+            releaser = std::thread([&] { EXPECT_EQ(side.Free(kDelete), 0u); });
+            halfway.acquire();
+        });
+        EXPECT_EQ(side.Get(kAdd, {1, 10, 300, "A"}), 0u);
+        EXPECT_EQ(side.Record()->SrvType, 10u);
+        EXPECT_EQ(side.WaitingCount(), 1u);
+        goOn.release();
+        releaser.join();
+        EXPECT_TRUE(journal::Is({"notify 3 B"}, journal::kNotify));
+        side.Clean();
+        ExpectNothingLeft();
+        journal::Clear();
+    });
+    // A released ICIB record stays: the request waits all the same.
+    EXPECT_EQ(kIcib.Get(kAdd, {1, 10, 100}), 0u);
+    AtMessage("L2ResAddMutex Op:0,IsOp:0", [] { EXPECT_EQ(kIcib.Free(kAdd), 0u); });
+    EXPECT_EQ(kIcib.Get(kAdd, {2, 20, 200, "A"}), 4u);
+    EXPECT_EQ(kIcib.WaitingCount(), 1u);
+}
+
+// A release that comes after the request was recorded notifies it; then it is not taken back, also
+// where the release leaves it in the list.
+TEST_F(Interleaving, AnOvertakenWaitThatWasNotifiedStays)
+{
+    ForBoth([this](const Side &side) {
+        EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+        AtUnlock(side.waitMutex, [&] {
+            EXPECT_EQ(side.Get(kDelete, {3, 30, 1, "B"}), 4u);
+            EXPECT_EQ(side.Free(kDelete), 0u);
+        });
+        journal::Clear();
+        EXPECT_EQ(side.Get(kAdd, {2, 20, 200, "A"}), 4u);
+        EXPECT_TRUE(journal::Is({"notify 2 A", "notify 3 B"}, journal::kNotify));
+        EXPECT_EQ(CountOf("L2ResAddMutex,"), 1u);
+        EXPECT_EQ(side.WaitingCount(), side.icib ? 0u : 1u);
+        EXPECT_EQ(side.Record(), nullptr);
+        side.Clean();
+        ExpectNothingLeft();
+    });
+}
+
+// With a full list there is no place to wait in; a request overtaken there is judged again too.
+TEST_F(Interleaving, AnOvertakenEleventhRequestIsJudgedAgain)
+{
+    ForBoth([](const Side &side) {
+        EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+        for (int i = 0; i < 10; ++i) {
+            EXPECT_EQ(side.Get(kDelete, {2, 20, 1}), 4u);
+        }
+        AtMessage("L2ResAddMutex Op:0,IsOp:0", [&] { EXPECT_EQ(side.DeleteRecord(), 0u); });
+        EXPECT_EQ(side.Get(kAdd, {3, 30, 200}), 0u);
+        side.Clean();
+    });
+}
+
+// Who stores a record and waits must not be judged against that record when a token of the bucket,
+// or its own, is freed in between.
+TEST_F(Interleaving, ARequestIsNotJudgedAgainstItsOwnRecord)
+{
+    const Key mate = MakeKey(100, 77);
+    ForBoth([&](const Side &side) {
+        for (const u32 op : {kDelete, kUpdate}) {
+            for (const bool own : {false, true}) {
+                EXPECT_EQ(side.Get(kAdd, {1, 10, 1}, mate), 0u);
+                journal::Clear();
+                AtUnlock(
+                    side.opMutex,
+                    [&] {
+                        EXPECT_EQ(
+                            side.Free(own && side.icib ? kAdd : kDelete, own ? MakeKey() : mate),
+                            own && side.icib && op == kUpdate ? 1u : 0u);
+                    },
+                    2);
+                EXPECT_EQ(side.Get(op, {2, 20, 100, "A"}), op == kDelete ? 4u : 3u);
+                EXPECT_EQ(side.WaitingCount(), 1u);
+                EXPECT_EQ(side.Record() != nullptr, op == kDelete || !side.icib);
+                EXPECT_EQ(Notified(), 0u);
+                side.Clean();
+                side.Clean(mate);
+            }
+        }
+        ExpectNothingLeft();
+    });
+}
+
+// The natural thing to do when told that an entry is free.
+TEST_F(Interleaving, ACallbackMayTakeAndFreeTheEntry)
+{
+    ForBoth([this](const Side &side) {
+        for (const bool walk : {false, true}) {
+            if (walk && !side.icib) {
+                continue;
+            }
+            EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+            EXPECT_EQ(side.Get(kAdd, {2, 20, 200, "A"}), 4u);
+            EXPECT_EQ(side.Get(kAdd, {3, 30, 200, "B"}), 4u);
+            EXPECT_EQ(walk ? side.DeleteRecord() : 0, 0u);
+            journal::Clear();
+            g_onNotify = [&](u32 srv, void *, void *) {
+                EXPECT_EQ(HeldMutexes(), walk ? 1 : 0);
+                EXPECT_EQ(side.Get(kAdd, {srv, static_cast<u16>(srv * 10), 300}), 0u);
+                const auto before = journal::Only(journal::kLog).size();
+                EXPECT_EQ(side.Free(kDelete), 0u);
+                // What the record's removal writes, nothing about the waiting requests.
+                EXPECT_EQ(journal::Only(journal::kLog).size() - before, side.icib ? 3u : 1u);
+                return 0u;
+            };
+            if (walk) {
+                Walk(3);
+            } else {
+                EXPECT_EQ(side.Free(kDelete), 0u);
+            }
+            EXPECT_TRUE(journal::Is({"notify 2 A", "notify 3 B"}, journal::kNotify));
+            EXPECT_EQ(side.Record(), nullptr);
+            side.Clean();
+            ExpectNothingLeft();
+        }
+    });
+}
+
+// A callback that has to wait once more is told once more, until the list is full: an end is in
+// sight, and nobody who was recorded is dropped untold.
+TEST_F(Interleaving, WhoWaitsAgainFromACallbackIsNotifiedAgain)
+{
+    ForBoth([this](const Side &side) {
+        for (const bool walk : {false, true}) {
+            if (walk && !side.icib) {
+                continue;
+            }
+            EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+            EXPECT_EQ(side.Get(kAdd, {2, 20, 200, "A"}), 4u);
+            journal::Clear();
+            g_onNotify = [&](u32, void *, void *) {
+                if (side.Record() == nullptr) {
+                    EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u); // somebody was quicker
+                }
+                EXPECT_EQ(side.Get(kAdd, {2, 20, 200, "A"}), 4u);
+                return 0u;
+            };
+            if (walk) {
+                Walk(3);
+            } else {
+                EXPECT_EQ(side.Free(kDelete), 0u);
+            }
+            EXPECT_EQ(Notified(), 10u);
+            EXPECT_EQ(side.WaitingCount(), side.icib ? 0u : 10u);
+            side.Clean();
+            ExpectNothingLeft();
+        }
+    });
+}
+
+// While a release calls back, others append, free, take everything away or let the walk run: all
+// of it is left to the one that notifies.
+TEST_F(Interleaving, AClaimedNodeIsLeftToItsClaimer)
+{
+    ForBoth([this](const Side &side) {
+        EXPECT_EQ(side.Get(kDelete, {2, 20, 1, "A"}), 4u);
+        Walk(2);
+        journal::Clear();
+        g_onNotify = [&](u32 srv, void *, void *) {
+            if (srv == 2) {
+                OnOtherThread([&] {
+                    EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+                    EXPECT_EQ(side.Get(kAdd, {3, 30, 200, "B"}), 4u);
+                    EXPECT_EQ(side.Free(kDelete), 0u);
+                    EXPECT_EQ(side.DeleteWaiting(), 0u);
+                    Walk(3);
+                    EXPECT_EQ(side.WaitingCount(), 2u);
+                });
+            }
+            return 0u;
+        };
+        EXPECT_EQ(side.Free(kDelete), 0u);
+        EXPECT_TRUE(journal::Is({"notify 2 A", "notify 3 B"}, journal::kNotify));
+        EXPECT_EQ(side.WaitingCount(), side.icib ? 0u : 1u);
+        side.Clean();
+        ExpectNothingLeft();
+    });
+}
+
+// A callback run by the walk may release other entries, also such as the walk has yet to meet.
+TEST_F(Interleaving, TheWalkSurvivesReleasesByItsCallbacks)
+{
+    for (u16 i = 0; i < 6; ++i) {
+        EXPECT_EQ(kIcib.Get(kDelete, {2, 20, 1, std::to_string(i)}, MakeKey(i)), 4u);
+    }
+    Walk(2);
+    journal::Clear();
+    g_onNotify = [](u32, void *record, void *) {
+        const u16 vlan = static_cast<L2ResIcibReOpRecord *>(record)->key.OutVlan;
+        (void)kIcib.Free(kDelete, MakeKey(static_cast<u16>(vlan + 1)));
+        (void)kIcib.Free(kDelete, MakeKey(static_cast<u16>(vlan - 2)));
+        return 0u;
+    };
+    Walk();
+    EXPECT_EQ(Notified(), 6u);
+    for (u16 i = 0; i < 6; ++i) {
+        kIcib.Clean(MakeKey(i));
+    }
+    ExpectNothingLeft();
+}
+
+} // namespace

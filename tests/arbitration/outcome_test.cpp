@@ -1,0 +1,143 @@
+// Outcome tables: what a request leaves behind, driven through the token operations.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "arbitration_support.h"
+
+namespace {
+
+enum Stored { kKept, kNew, kNewUsed, kNewKeepsUse }; // kept as it was (or none), else the request's
+
+struct Row {
+    u32 op;
+    const char *holder; // "none", "other", "same": its forwarding type
+    const char *ops;    // its op codes, each tried
+    const char *ages;   // of the request: '<' older, '=' as old, '>' newer, each tried
+    Stored stored;
+    bool waits;
+    u32 result;
+};
+
+const Row kIcibRows[] = {
+    {kAdd, "none", "1", "=", kNewUsed, false, 0},
+    {kAdd, "other", "01234", "<=", kKept, false, 1},
+    {kAdd, "other", "01234", ">", kKept, true, 4},
+    {kAdd, "same", "1", "<=>", kNewKeepsUse, false, 4},
+    {kAdd, "same", "2", "<", kNewUsed, false, 0},
+    {kAdd, "same", "2", "=>", kKept, false, 1},
+    {kAdd, "same", "3", ">", kNewUsed, false, 0},
+    {kAdd, "same", "3", "<=", kKept, false, 1},
+    {kDelete, "none", "1", "=", kNew, true, 4},
+    {kDelete, "other", "01234", "<=>", kKept, true, 4},
+    {kDelete, "same", "12", ">", kNewUsed, false, 0},
+    {kDelete, "same", "12", "<=", kKept, false, 1},
+    {kDelete, "same", "3", "<=>", kNewKeepsUse, false, 4},
+    {kUpdate, "none", "1", "=", kKept, true, 3},
+    {kUpdate, "other", "01234", "<=>", kKept, true, 0},
+    {kUpdate, "same", "1", ">", kNewUsed, false, 0},
+    {kUpdate, "same", "1", "<=", kKept, false, 1},
+    {kUpdate, "same", "2", "<=>", kNewUsed, false, 0},
+    {kUpdate, "same", "3", ">", kKept, true, 0},
+    {kUpdate, "same", "3", "<=", kKept, false, 1},
+    {kAdd, "same", "049", "<=>", kKept, false, 4},
+    {kDelete, "same", "049", "<=>", kKept, false, 4},
+    {kUpdate, "same", "049", "<=>", kKept, false, 0},
+};
+
+const Row kIpatRows[] = {
+    {kAdd, "none", "1", "=", kNew, false, 0},
+    {kAdd, "other", "01234", "<=", kKept, false, 1},
+    {kAdd, "other", "01234", ">", kKept, true, 4},
+    {kAdd, "same", "1", "<=>", kNew, false, 0},
+    {kAdd, "same", "2", "<", kNew, false, 0},
+    {kAdd, "same", "2", "=>", kKept, false, 1},
+    {kAdd, "same", "3", ">", kNew, false, 0},
+    {kAdd, "same", "3", "<=", kKept, false, 1},
+    {kDelete, "none", "1", "=", kNew, true, 4},
+    {kDelete, "other", "01234", "<=>", kKept, true, 4},
+    {kDelete, "same", "12", ">", kNew, false, 0},
+    {kDelete, "same", "12", "<=", kKept, false, 1},
+    {kDelete, "same", "3", "<=>", kNew, false, 0},
+    {kUpdate, "none", "1", "=", kNew, true, 3},
+    {kUpdate, "other", "01234", "<=>", kKept, true, 0},
+    {kUpdate, "same", "1", ">", kNew, false, 0},
+    {kUpdate, "same", "1", "<=", kKept, false, 1},
+    {kUpdate, "same", "2", "<=>", kNew, false, 0},
+    {kUpdate, "same", "3", ">", kKept, true, 0},
+    {kUpdate, "same", "3", "<=", kKept, false, 1},
+    {kAdd, "same", "049", "<=>", kKept, false, 0},
+    {kDelete, "same", "049", "<=>", kKept, false, 0},
+    {kUpdate, "same", "049", "<=>", kKept, false, 0},
+};
+
+void ExpectRecord(const L2ResOpRecord &actual, const L2ResOpRecord &expected)
+{
+    EXPECT_EQ(actual.Stamp, expected.Stamp);
+    EXPECT_EQ(actual.Op, expected.Op);
+    EXPECT_EQ(actual.SrvType, expected.SrvType);
+    EXPECT_EQ(actual.Used, expected.Used);
+}
+
+void Try(const Side &side, const Row &row, char op, char age, u32 used)
+{
+    SCOPED_TRACE("op " + std::to_string(row.op) + ", holder " + row.holder + " " + op + " used " +
+                 std::to_string(used) + ", request " + age);
+    const bool held = strcmp(row.holder, "none") != 0;
+    const L2ResOpRecord holder = {500, static_cast<u16>(op - '0'), 10, used};
+    if (held) {
+        ASSERT_EQ(side.Store(holder), 0u);
+    }
+    const u16 fwd = strcmp(row.holder, "other") == 0 ? 11 : 10;
+    const u64 stamp = 500 + (age == '>') - (age == '<');
+    g_countHookCalls = 0;
+    EXPECT_EQ(side.Get(row.op, {6, fwd, stamp, "data"}), row.result);
+    EXPECT_EQ(g_countHookCalls, side.icib && row.op == kAdd && row.result != 1 ? 1u : 0u);
+
+    const u16 recorded = static_cast<u16>(!side.icib && row.op == kUpdate ? kAdd : row.op);
+    L2ResOpRecord mine = {stamp, recorded, fwd, row.stored == kNewUsed ? 1u : 0u};
+    if (side.icib && held && (row.stored == kNewKeepsUse || row.stored == kKept)) {
+        mine.Used = used;
+    }
+    const L2ResOpRecord *stored = side.Record();
+    if (row.stored == kKept && !held) {
+        EXPECT_EQ(stored, nullptr);
+    } else {
+        ASSERT_NE(stored, nullptr);
+        ExpectRecord(*stored, row.stored == kKept ? holder : mine);
+    }
+
+    const L2ResWaitList *list = side.Waiting();
+    ASSERT_EQ(list != nullptr, row.waits);
+    if (list != nullptr) {
+        EXPECT_EQ(list->reOpNum, 1u);
+        EXPECT_EQ(list->walkCountdown, side.icib ? 3 : 0);
+        ExpectRecord(list->entry[0].op, mine);
+        EXPECT_EQ(list->entry[0].srvType, 6u);
+        EXPECT_STREQ(static_cast<const char *>(list->entry[0].data), "data");
+    }
+    side.Clean();
+}
+
+class Outcome : public Arbitration {};
+
+TEST_F(Outcome, FollowsTheTableRowByRow)
+{
+    ForBoth([this](const Side &side) {
+        for (size_t i = 0; i < std::size(kIcibRows); ++i) {
+            const Row &row = side.icib ? kIcibRows[i] : kIpatRows[i];
+            for (const char *op = row.ops; *op != '\0'; ++op) {
+                for (const char *age = row.ages; *age != '\0'; ++age) {
+                    Try(side, row, *op, *age, 0);
+                    if (side.icib) {
+                        Try(side, row, *op, *age, 1);
+                    }
+                }
+            }
+        }
+        ExpectNothingLeft();
+    });
+}
+static_assert(std::size(kIcibRows) == std::size(kIpatRows));
+
+} // namespace

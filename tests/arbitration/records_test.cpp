@@ -1,0 +1,316 @@
+// The records themselves: identity of keys, waiting requests in number and order, timed release,
+// and what every failing platform call leaves behind.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "arbitration/op_table.h"
+#include "arbitration_support.h"
+#include "frame/memory.h"
+#include "support/faults.h"
+
+namespace {
+
+using faults::Op;
+using journal::Lines;
+
+class Records : public Arbitration {};
+
+TEST_F(Records, AreKeptByTheWholeKeyButItsPadding)
+{
+    const Key key = MakeKey();
+    Key dirty = key;
+    memset(reinterpret_cast<u8 *>(&dirty.icib) + 14, 0xAA, 2); // behind OutVlan
+    memset(reinterpret_cast<u8 *>(&dirty.icib) + 22, 0xAA, 2); // behind InnerVlan
+    EXPECT_EQ(kIcib.Get(kAdd, {1, 10, 100}, dirty), 0u);
+    EXPECT_EQ(kIcib.Record(key), kIcib.Record(dirty));
+    EXPECT_EQ(kIcib.Get(kAdd, {2, 20, 100}, key), 1u);
+
+    // Every field but OutVlan: another entry of the same bucket.
+    auto *bytes = reinterpret_cast<u8 *>(&dirty.icib);
+    for (const size_t field : {0, 4, 6, 8, 16, 20, 24, 28, 32}) {
+        dirty = key;
+        bytes[field] ^= 0x80;
+        EXPECT_EQ(QorL2ResIcibHashFunc(&dirty.icib), QorL2ResIcibHashFunc(&key.icib));
+        EXPECT_EQ(kIcib.Get(kAdd, {1, 10, 100}, dirty), 0u) << "field at " << field;
+        EXPECT_EQ(kIcib.Free(kDelete, dirty), 0u);
+    }
+    ForBoth([](const Side &side) {
+        const Key here = MakeKey(1, 5), there = MakeKey(1, 6), far = MakeKey(1025, 5);
+        EXPECT_EQ(side.Get(kAdd, {1, 10, 1}, here), 0u);
+        EXPECT_EQ(side.Get(kAdd, {2, 20, 1}, there), 0u);
+        EXPECT_EQ(side.Get(kAdd, {3, 30, 1}, far), 0u);
+        EXPECT_NE(side.Record(here), side.Record(there));
+    });
+    const Key high = MakeKey(0xFFFF);
+    EXPECT_EQ(QorL2ResIcibHashFunc(&high.icib), 0x3FFu);
+    EXPECT_EQ(QorL2ResIpatHashFunc(&high.ipat), 0x3FFu);
+    EXPECT_EQ(QorL2ResIcibHashFunc(nullptr) + QorL2ResIpatHashFunc(nullptr), 0u);
+    EXPECT_EQ(QorL2ResIcibCompFunc(&key, nullptr) + QorL2ResIcibCompFunc(nullptr, &key), 0u);
+    EXPECT_EQ(QorL2ResIpatCompFunc(&key, nullptr) + QorL2ResIpatCompFunc(nullptr, &key), 0u);
+}
+
+std::string Notifications()
+{
+    std::string all;
+    for (const std::string &line : journal::Only(journal::kNotify)) {
+        all += line.substr(6);
+    }
+    journal::Clear();
+    return all;
+}
+
+TEST_F(Records, TenRequestsWaitTheEleventhIsOnlyAnswered)
+{
+    ForBoth([this](const Side &side) {
+        EXPECT_EQ(side.Get(kAdd, {0, 10, 100}), 0u);
+        for (u32 i = 0; i < 10; ++i) {
+            EXPECT_EQ(side.Get(kAdd, {i % 9, 20, 101 + i, std::to_string(i)}), 4u);
+        }
+        EXPECT_EQ(side.Get(kAdd, {1, 20, 111, "eleventh"}), 4u);
+        EXPECT_EQ(side.Get(kUpdate, {1, 20, 112, "eleventh"}), 0u);
+        EXPECT_EQ(side.Append({1, 20, 113}, nullptr, 0), 1u);
+        EXPECT_EQ(side.WaitingCount(), 10u);
+
+        journal::Clear();
+        EXPECT_EQ(side.Free(kDelete), 0u);
+        EXPECT_EQ(Notifications(), " 0 0 1 1 2 2 3 3 4 4 5 5 6 6 7 7 8 8 0 9");
+        EXPECT_EQ(side.WaitingCount(), side.icib ? 0u : 10u); // a full IPAT list is not shortened
+        if (!side.icib) {
+            EXPECT_EQ(side.DeleteWaiting(), 1u);
+        }
+        side.Clean();
+        ExpectNothingLeft();
+    });
+}
+
+TEST_F(Records, IpatReleasesTheLatestWaiterAtEachFree)
+{
+    EXPECT_EQ(kIpat.Get(kAdd, {1, 10, 100}), 0u);
+    EXPECT_EQ(kIpat.Get(kAdd, {2, 20, 101, "A"}), 4u);
+    EXPECT_EQ(kIpat.Get(kAdd, {3, 30, 101, "B"}), 4u);
+    g_onNotify = [](u32 srv, void *, void *) { return srv + 40; };
+    for (const auto &[result, told] : {std::pair{43u, " 2 A 3 B"}, {42u, " 2 A"}, {0u, ""}}) {
+        journal::Clear();
+        EXPECT_EQ(kIpat.Free(kAdd), result);
+        EXPECT_EQ(Notifications(), told);
+    }
+    ExpectNothingLeft();
+}
+
+TEST_F(Records, TheThirdWalkReleasesAndASecondWaiterChangesNothing)
+{
+    EXPECT_EQ(kIcib.Get(kAdd, {1, 10, 100}), 0u);
+    EXPECT_EQ(kIcib.Get(kAdd, {2, 20, 101, "A"}), 4u);
+    Walk();
+    EXPECT_EQ(kIcib.Get(kUpdate, {3, 30, 101}), 0u); // no data: a null pointer
+    EXPECT_EQ(kIcib.Waiting()->walkCountdown, 2);
+    EXPECT_EQ(kIcib.Waiting()->entry[1].data, nullptr);
+    Walk();
+    EXPECT_EQ(kIcib.WaitingCount(), 2u);
+    journal::Clear();
+    Walk();
+    EXPECT_EQ(Notifications(), " 2 A 3");
+    EXPECT_EQ(kIcib.Waiting(), nullptr);
+    EXPECT_EQ(kIcib.Record()->Used, 1u); // the holder is not concerned
+    EXPECT_EQ(kIcib.Free(kDelete), 0u);
+    EXPECT_EQ(kIcib.Get(kAdd, {2, 20, 1}), 0u);
+    EXPECT_EQ(kIcib.Free(7), 0u); // any op type but add and update removes
+    EXPECT_EQ(kIcib.DeleteWaiting(), 0u);
+    ExpectNothingLeft();
+}
+
+TEST_F(Records, CallbacksSeeTheEntryAndItsRequests)
+{
+    ForBoth([](const Side &side) {
+        const Key key = MakeKey();
+        EXPECT_EQ(side.Get(kDelete, {2, 20, 101, "A"}, key), 4u);
+        unsigned calls = 0;
+        g_onNotify = [&](u32, void *record, void *data) {
+            ++calls;
+            const u32 size = side.icib ? sizeof(L2ResIcibKey) : sizeof(L2ResIpatKey);
+            EXPECT_EQ(memcmp(record, side.Of(key), size), 0);
+            const L2ResWaitList &list = side.icib
+                                            ? static_cast<L2ResIcibReOpRecord *>(record)->waiters
+                                            : static_cast<L2ResIpatReOpRecord *>(record)->waiters;
+            EXPECT_EQ(list.entry[0].op.Stamp, 101u);
+            EXPECT_EQ(list.entry[0].srvType, 2u);
+            EXPECT_EQ(list.entry[0].data, data);
+            return 5u;
+        };
+        EXPECT_EQ(side.Free(kDelete, key), side.icib ? 0u : 5u);
+        EXPECT_EQ(calls, 1u);
+    });
+}
+
+struct Failure {
+    const char *name;
+    bool waiting; // appends a waiting request, else stores a record
+    bool onto;    // there is one already
+    Op op;
+    unsigned nth; // 0: no call fails, but the data to copy is null
+    u32 result;
+    const char *icibLine, *ipatLine; // the one error, or null
+    unsigned left;                   // records or waiting requests afterwards
+};
+
+const Failure kFailures[] = {
+    {"no record node", false, false, Op::HASH_NewData, 1, 1, "icib op hash node alloc failed",
+     "ipat op hash node alloc failed", 0},
+    {"record not inserted", false, false, Op::HASH_AddNode, 1, 1, nullptr, nullptr, 0},
+    {"record not copied", false, false, Op::memcpy_s, 2, 0, "icib op record memcpy failed",
+     "ipat op record memcpy failed", 1},
+    {"record not overwritten", false, true, Op::memcpy_s, 1, 0, "icib op data memcpy failed",
+     "ipat op data memcpy failed", 1},
+    {"no node", true, false, Op::HASH_NewData, 1, 1, "icib reop hash node alloc failed",
+     "add ipat reop hash node, alloc failed", 0},
+    {"no first data", true, false, Op::ZIR_MemAlloc, 1, 1, nullptr, nullptr, 0},
+    {"first data not copied", true, false, Op::memcpy_s, 3, 0, "icib reop record memcpy failed",
+     "add ipat reop record memcpy failed", 1},
+    {"null first data", true, false, Op::memcpy_s, 0, 0, "icib reop record memcpy failed",
+     "add ipat reop record memcpy failed", 1},
+    {"node not inserted", true, false, Op::HASH_AddNode, 1, 1, nullptr, nullptr, 0},
+    {"no further data", true, true, Op::ZIR_MemAlloc, 1, 1, nullptr, nullptr, 1},
+    {"further data not copied", true, true, Op::memcpy_s, 2, 34, "icib reop data memcpy failed",
+     "ipat reop data memcpy failed", 1},
+    {"null further data", true, true, Op::memcpy_s, 0, EINVAL, "icib reop data memcpy failed",
+     "ipat reop data memcpy failed", 1},
+};
+
+void Try(const Side &side, const Failure &failure)
+{
+    const auto act = [&](const char *data) {
+        return failure.waiting ? side.Append({1, 1, 1}, data, 5) : side.Store({1, 1, 1, 0});
+    };
+    EXPECT_EQ(failure.onto ? act("data") : 0, 0u);
+    journal::Clear();
+    if (failure.nth > 0 && failure.result > 1) {
+        faults::Fail(failure.op, failure.nth, failure.result);
+    } else if (failure.nth > 0) {
+        faults::Fail(failure.op, failure.nth);
+    }
+    EXPECT_EQ(act(failure.nth > 0 ? "data" : nullptr), failure.result);
+    EXPECT_EQ(faults::Failed(), failure.nth > 0 ? 1u : 0u);
+    faults::Reset();
+
+    Lines errors = TakeLines();
+    std::erase_if(errors, [](const std::string &line) { return line[0] != '5'; });
+    const char *text = side.icib ? failure.icibLine : failure.ipatLine;
+    const std::string category = side.icib ? "5/1 " : "5/2 ";
+    EXPECT_TRUE(journal::Equal(errors, text == nullptr ? Lines{} : Lines{category + text}));
+    EXPECT_EQ(failure.waiting ? side.WaitingCount() : side.Record() != nullptr, failure.left);
+    side.Clean();
+}
+
+TEST_F(Records, AFailingStepLeavesNothingBehind)
+{
+    ForBoth([this](const Side &side) {
+        for (const Failure &failure : kFailures) {
+            SCOPED_TRACE(failure.name);
+            Try(side, failure);
+            ExpectNothingLeft();
+        }
+    });
+}
+
+// A node whose removal failed keeps no data; the next release, or the next walk, removes it.
+TEST_F(Records, ARemovalThatFailedIsTriedAgain)
+{
+    ForBoth([this](const Side &side) {
+        for (const bool byRelease : {true, false}) {
+            EXPECT_EQ(side.Get(kDelete, {2, 20, 101, "A"}), 4u);
+            journal::Clear();
+            faults::Fail(Op::HASH_RemoveElmtByKey, 2); // the first removes the record
+            EXPECT_EQ(side.Free(kDelete), 0u);
+            EXPECT_EQ(faults::Failed(), 1u);
+            EXPECT_EQ(Notifications(), " 2 A");
+            ASSERT_NE(side.Waiting(), nullptr);
+            EXPECT_EQ(side.WaitingCount(), 0u);
+            faults::Fail(Op::HASH_RemoveElmtByKey);
+            EXPECT_EQ(side.DeleteWaiting(), 1u);
+            if (byRelease) {
+                EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+                EXPECT_EQ(side.Free(kDelete), 0u);
+            } else {
+                EXPECT_EQ(side.DeleteWaiting(), 0u);
+            }
+            EXPECT_EQ(Notifications(), "");
+            ExpectNothingLeft();
+        }
+    });
+    EXPECT_EQ(kIcib.Get(kUpdate, {2, 20, 101, "A"}), 3u);
+    Walk(2);
+    faults::Fail(Op::HASH_RemoveElmtByKey);
+    Walk();
+    EXPECT_EQ(CountOf("QorL2ResIcibReOpHashWalk Free ReopHash Fail."), 1u);
+    EXPECT_NE(kIcib.Waiting(), nullptr);
+    Walk();
+    ExpectNothingLeft();
+
+    EXPECT_EQ(kIcib.Get(kAdd, {1, 10, 100}), 0u);
+    faults::Fail(Op::HASH_RemoveElmtByKey);
+    EXPECT_EQ(kIcib.Free(kDelete), 0u);
+    EXPECT_EQ(CountOf("icib op free  failed.srvType:1,opType:3"), 1u);
+    EXPECT_EQ(kIcib.Record()->Used, 1u);
+}
+
+TEST_F(Records, ExportedOperationsRefuseNull)
+{
+    const L2ResOpRecord record = {};
+    EXPECT_EQ(QorL2ResIcibOpHashSearch(nullptr), nullptr);
+    EXPECT_EQ(QorL2ResIpatOpHashSearch(nullptr), nullptr);
+    EXPECT_EQ(QorL2ResIcibReOpHashSearch(nullptr), nullptr);
+    EXPECT_EQ(QorL2ResIpatReOpHashSearch(nullptr), nullptr);
+    for (const u32 result :
+         {QorL2ResIcibOpHashUpdate(nullptr, &record), QorL2ResIpatOpHashUpdate(nullptr, &record),
+          QorL2ResIcibOpDel(nullptr), QorL2ResIpatOpDel(nullptr),
+          QorL2ResIcibReOpHashUpdate(nullptr, &record, nullptr, 0, 1),
+          QorL2ResIpatReOpHashUpdate(nullptr, &record, nullptr, 0, 1), QorL2ResIcibReOpDel(nullptr),
+          QorL2ResIpatReOpDel(nullptr, g_ipatReOpRecordHash)}) {
+        EXPECT_EQ(result, 1u);
+    }
+    const Key key = MakeKey();
+    EXPECT_EQ(QorL2ResIpatReOpDel(&key.ipat, nullptr), 1u);
+    EXPECT_TRUE(journal::Equal(TakeLines(), {}));
+}
+
+// The tables are created in this order; a failing one takes those before it along.
+TEST(HashTables, AreCreatedAllOrNone)
+{
+    constexpr const char *kFailed[] = {
+        "5/1 Create ICIB CommTblOp HashTable Failed.",
+        "5/1 Create ICIB CommTblReOp HashTable Failed.",
+        "5/2 Create IPAT CommTblOp HashTable Failed.",
+        "5/2 Create IPAT CommTblReOp HashTable Failed.",
+    };
+    HASH_Handle *const tables[] = {&g_icibOpRecordHash, &g_icibReOpRecordHash, &g_ipatOpRecordHash,
+                                   &g_ipatReOpRecordHash};
+    Walk(); // before there is a table
+    const Key key = MakeKey();
+    EXPECT_EQ(QorL2ResIpatOpHashSearch(&key.ipat), nullptr);
+    EXPECT_TRUE(journal::Equal(TakeLines(), {}));
+    for (unsigned failing = 0; failing < 4; ++failing) {
+        const unsigned long deleted = faults::Calls(Op::HASH_DeleteHash);
+        faults::Fail(Op::HASH_CreateNew, failing + 1);
+        EXPECT_EQ(QorL2ResHashTblInit(), 1u);
+        EXPECT_EQ(faults::Calls(Op::HASH_DeleteHash) - deleted, failing);
+        EXPECT_TRUE(journal::Equal(TakeLines(), {kFailed[failing]}));
+        for (HASH_Handle *table : tables) {
+            EXPECT_EQ(*table, nullptr);
+        }
+    }
+    faults::Reset();
+    EXPECT_EQ(QorL2ResHashTblInit(), 0u);
+    EXPECT_TRUE(journal::Equal(TakeLines(), {}));
+    for (HASH_Handle *table : tables) {
+        EXPECT_NE(*table, nullptr);
+        QorL2ResHashDestroy(*table);
+        *table = nullptr;
+    }
+    const unsigned long deleted = faults::Calls(Op::HASH_DeleteHash);
+    QorL2ResHashDestroy(nullptr);
+    EXPECT_EQ(faults::Calls(Op::HASH_DeleteHash), deleted);
+}
+
+} // namespace
