@@ -10,8 +10,8 @@ const std::vector<Function> &allFunctions()
     // Never freed: closures in the interpreter point to the rows.
     static const auto *const all = [] {
         auto *rows = new std::vector<Function>;
-        for (const auto &part :
-             {tokenFunctions(), engineFunctions(), vlanFunctions(), hostFunctions()}) {
+        for (const auto &part : {tokenFunctions(), engineFunctions(), vlanFunctions(),
+                                 hostFunctions(), clientFunctions()}) {
             rows->insert(rows->end(), part.begin(), part.end());
         }
         return rows;

@@ -18,6 +18,7 @@ std::vector<Function> tokenFunctions();  // icib, ipat, ecib, notify, on
 std::vector<Function> engineFunctions(); // engine, alarm
 std::vector<Function> vlanFunctions();   // vlan, engine
 std::vector<Function> hostFunctions();   // host, expect, print
+std::vector<Function> clientFunctions(); // host.load
 
 const std::vector<Function> &allFunctions();
 
