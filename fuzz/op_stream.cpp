@@ -1,0 +1,678 @@
+/*
+ * Drives the module through its exported table as a stream of bytes says, beside the model, and
+ * compares the two after every operation. Hooks and callbacks call the module again if the stream
+ * says so. Whatever an input leaves behind is released and forgotten at its end.
+ */
+#include "fuzz/op_stream.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "alarms/exceed_check.h"
+#include "arbitration/icib.h"
+#include "arbitration/ipat.h"
+#include "faults/consistency.h"
+#include "fuzz/model.h"
+#include "l2rsm_component.h"
+#include "support/services.h"
+
+namespace {
+
+const L2RsmFunVtbl &g_api = g_l2RsmFunVtbl;
+
+#define REQUIRE(condition)                                                                         \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            fprintf(stderr, "%s:%d: does not hold: %s\n", __FILE__, __LINE__, #condition);         \
+            abort();                                                                               \
+        }                                                                                          \
+    } while (false)
+
+/* ---- The stream ---- */
+
+const u8 *g_next, *g_end;
+
+u32 Next(u32 below)
+{
+    return g_next == g_end ? 0 : *g_next++ % below;
+}
+
+/* ---- Entries ---- */
+
+/* Two in one bucket, two that differ in one attribute, one key with dirty padding for an entry. */
+const L2ResIcibKey kIcibKeys[] = {{1, 10, 1, 0, 100, 0, 7, 0, 0, 0},
+                                  {1, 11, 1, 0, 1124, 0, 7, 0, 0, 0},
+                                  {1, 10, 1, 0, 200, 0, 7, 0, 0, 0},
+                                  {1, 10, 1, 0, 200, 1, 7, 0, 0, 0}};
+const L2ResIpatKey kIpatKeys[] = {{1, 5}, {2, 5}, {1, 6}, {1, 1029}};
+constexpr u32 kEntries = 4;
+
+struct Side {
+    model::CommonTable model;
+    u32 tableId;
+    u32 releases[kEntries]; /* of the entry's bucket */
+};
+Side g_sides[2] = {{{true, {}, {}}, L2RES_TABLE_ICIB, {}}, {{false, {}, {}}, L2RES_TABLE_IPAT, {}}};
+
+const void *KeyOf(const Side &side, u32 entry)
+{
+    return side.model.icib ? static_cast<const void *>(&kIcibKeys[entry]) : &kIpatKeys[entry];
+}
+
+u32 EntryOf(const Side &side, const void *record)
+{
+    for (u32 entry = 0; entry < kEntries; ++entry) {
+        if (side.model.icib ? QorL2ResIcibCompFunc(record, &kIcibKeys[entry])
+                            : QorL2ResIpatCompFunc(record, &kIpatKeys[entry])) {
+            return entry;
+        }
+    }
+    REQUIRE(record == nullptr); // an entry that nobody asked for
+    return 0;
+}
+
+void CountRelease(Side *side, u32 entry)
+{
+    const auto hash = side->model.icib ? QorL2ResIcibHashFunc : QorL2ResIpatHashFunc;
+    for (u32 other = 0; other < kEntries; ++other) {
+        side->releases[other] += hash(KeyOf(*side, other)) == hash(KeyOf(*side, entry));
+    }
+}
+
+/* ---- Foreign code: what it answers, and what it does to the module ---- */
+
+struct Counts {
+    u32 total, used, idle, result;
+};
+Counts g_counts[L2RES_HOOK_COUNT];
+Counts g_reported;     /* by the count hook that returned last */
+unsigned g_attempts;   /* alarms begun since then */
+u32 g_serviceFailures; /* bit set: that operation of the alarm object fails */
+u32 g_vlanResult;
+const VlanEditInfo *g_vlanInfo;
+u32 g_vlanFlags;
+unsigned g_vlanCalls;
+int g_openObjects;
+bool g_raised[L2RES_ALARM_COUNT];
+u32 g_cycles[L2RES_ALARM_COUNT];
+
+/* Registered services: 0 never, 1 without a callback, 2 with. */
+u32 g_registered[L2RES_TABLE_COUNT][L2RES_SERVICE_COUNT];
+bool g_walking;
+int g_depth;
+
+/* What an ICIB add that is under way was judged against; null: a check that is no add's. */
+struct Judged {
+    u32 entry;
+    std::optional<model::Record> holder;
+    u32 releases;
+};
+std::vector<Judged *> g_checks;
+
+void InnerOperation();
+
+void ReEnter()
+{
+    if (g_depth < 4 && g_next != g_end && Next(4) == 0) {
+        ++g_depth;
+        InnerOperation();
+        --g_depth;
+    }
+}
+
+void Snapshot(Judged *judged)
+{
+    judged->holder = g_sides[0].model.Holder(judged->entry);
+    judged->releases = g_sides[0].releases[judged->entry];
+}
+
+template <u32 kType> u32 Count(u32 *total, u32 *used, u32 *idle)
+{
+    if (kType == L2RES_HOOK_ICIB_PP && !g_checks.empty() && g_checks.back() != nullptr) {
+        Snapshot(g_checks.back());
+    }
+    const Counts counts = g_counts[kType];
+    *total = counts.total;
+    *used = counts.used;
+    *idle = counts.idle;
+    ReEnter();
+    g_reported = counts;
+    g_attempts = 0;
+    return counts.result;
+}
+
+u32 Translate(const VlanEditInfo *info, u16 profile, u16 command, u32 flags)
+{
+    REQUIRE(info == g_vlanInfo && profile < 64 && command > 0 && command < 128);
+    g_vlanFlags = flags;
+    ++g_vlanCalls;
+    const u32 result = g_vlanResult;
+    ReEnter();
+    return result;
+}
+
+/* Those before the one who is told now have no callback. */
+void SkipSilent(const Side &side, model::List *list, size_t until)
+{
+    for (; list->told < until; ++list->told) {
+        const u32 registered = g_registered[side.tableId][list->waiters[list->told].service];
+        REQUIRE(registered != 2);
+        list->lastResult = registered;
+    }
+}
+
+u32 EntryFree(Side *side, u32 service, const void *record, const void *data)
+{
+    const u32 entry = EntryOf(*side, record);
+    const auto found = side->model.lists.find(entry);
+    REQUIRE(found != side->model.lists.end());
+    model::List &list = found->second;
+    if (!list.releasing) {
+        REQUIRE(g_walking && side->model.icib && list.countdown <= 1 && !list.young);
+        list.releasing = true;
+    }
+    size_t next = list.told;
+    while (next < list.waiters.size() &&
+           g_registered[side->tableId][list.waiters[next].service] != 2) {
+        ++next;
+    }
+    REQUIRE(next < list.waiters.size() && list.waiters[next].service == service);
+    SkipSilent(*side, &list, next);
+    const std::string &expected = list.waiters[next].data;
+    REQUIRE((data == nullptr) == expected.empty());
+    REQUIRE(expected.empty() || memcmp(data, expected.data(), expected.size()) == 0);
+    ++list.told;
+    const u32 result = Next(3);
+    ReEnter();
+    return list.lastResult = result;
+}
+
+template <u32 kTable, u32 kService> u32 Notified(u32 event, void *record, void *data)
+{
+    REQUIRE(g_registered[kTable][kService] == 2);
+    if (event == L2RES_EVENT_TABLE_IDLE) {
+        REQUIRE(record == nullptr && data == nullptr);
+        return Next(2);
+    }
+    REQUIRE(event == L2RES_EVENT_ENTRY_FREE);
+    REQUIRE(kTable == L2RES_TABLE_ICIB || kTable == L2RES_TABLE_IPAT);
+    return EntryFree(&g_sides[kTable != 0], kService, record, data);
+}
+
+template <u32... kCells>
+L2ResNotifyCallback CallbackOf(u32 cell, std::integer_sequence<u32, kCells...>)
+{
+    static constexpr L2ResNotifyCallback kAll[] = {Notified<kCells / 9, kCells % 9>...};
+    return kAll[cell];
+}
+
+/* ---- Operations: the module's answer against the model's ---- */
+
+void GetToken()
+{
+    static const u8 kData[8] = {0xDA, 1, 2, 3, 4, 5, 6, 7};
+    Side &side = g_sides[Next(2)];
+    const u32 entry = Next(kEntries), service = Next(10), op = Next(5), dataLen = Next(9);
+    const auto type = static_cast<u16>(Next(3));
+    const u64 stamp = Next(8);
+    L2ResIcibKey dirty = kIcibKeys[entry];
+    reinterpret_cast<u8 *>(&dirty)[14] = static_cast<u8>(stamp); // behind OutVlan
+    L2ResTokenReq req = {stamp, type, side.model.icib ? &dirty : KeyOf(side, entry),
+                         static_cast<u16>(dataLen), kData};
+    const auto get = side.model.icib ? g_api.getIcibToken : g_api.getIpatToken;
+    if (service > 8 || op < 1 || op > 3) {
+        REQUIRE(get(service, op, &req) == 1);
+        return;
+    }
+    Judged judged = {entry, side.model.Holder(entry), side.releases[entry]};
+    const bool checks = side.model.icib && op == L2RES_OP_ADD;
+    if (checks) {
+        g_checks.push_back(&judged);
+    }
+    const u32 result = get(service, op, &req);
+    if (checks) {
+        g_checks.pop_back();
+    }
+    // Overtaken by a hook that is no longer registered: judged once more.
+    model::Outcome outcome = model::Judge(side.model.icib, op, type, stamp, judged.holder);
+    if ((outcome.stores && judged.holder != side.model.Holder(entry)) ||
+        (outcome.waits && judged.releases != side.releases[entry])) {
+        outcome = model::Judge(side.model.icib, op, type, stamp, side.model.Holder(entry));
+    }
+    REQUIRE(result == outcome.result);
+    side.model.Apply(entry, service, outcome, {reinterpret_cast<const char *>(kData), dataLen});
+}
+
+void Free(Side *side, u32 entry, u32 op)
+{
+    L2ResTokenReq req = {0, 0, KeyOf(*side, entry), 0, nullptr};
+    const bool held = side->model.Holder(entry).has_value();
+    const bool notifies = side->model.Free(entry, op);
+    if (held || !side->model.icib) {
+        CountRelease(side, entry);
+    }
+    if (notifies) {
+        side->model.lists[entry].releasing = true;
+    }
+    const u32 result = (side->model.icib ? g_api.freeIcibToken : g_api.freeIpatToken)(0, op, &req);
+    u32 expected = side->model.icib && !held ? 1 : 0;
+    if (notifies) {
+        model::List &list = side->model.lists[entry];
+        SkipSilent(*side, &list, list.waiters.size());
+        expected = side->model.icib ? 0 : list.lastResult;
+        side->model.Released(entry);
+    }
+    REQUIRE(result == expected);
+}
+
+void FreeToken()
+{
+    Side &side = g_sides[Next(2)];
+    const u32 entry = Next(kEntries);
+    Free(&side, entry, Next(5));
+}
+
+void Walk()
+{
+    auto &lists = g_sides[0].model.lists;
+    for (auto &[entry, list] : lists) {
+        list.young = false;
+    }
+    g_walking = true;
+    QorL2ResIcibReOpHashWalk();
+    g_walking = false;
+    for (u32 entry = 0; entry < kEntries; ++entry) {
+        const auto found = lists.find(entry);
+        if (found == lists.end()) {
+            continue;
+        }
+        model::List &list = found->second;
+        if (list.young) { // counted down if the walk met it
+            const auto *node = QorL2ResIcibReOpHashSearch(&kIcibKeys[entry]);
+            REQUIRE(node != nullptr);
+            list.countdown -= node->waiters.walkCountdown == 2;
+        } else if (list.countdown <= 1) {
+            SkipSilent(g_sides[0], &list, list.waiters.size());
+            g_sides[0].model.Released(entry);
+        } else {
+            --list.countdown;
+        }
+    }
+}
+
+void Register()
+{
+    const u32 table = Next(7), service = Next(10), kind = Next(4);
+    const bool valid = table < L2RES_TABLE_COUNT && service < L2RES_SERVICE_COUNT;
+    const u32 cell = valid ? table * 9 + service : 0;
+    const auto callback =
+        kind == 0 ? nullptr : CallbackOf(cell, std::make_integer_sequence<u32, 54>());
+    // What the callback finds is registered before it can be called.
+    if (valid) {
+        g_registered[table][service] = kind == 0 ? 1 : 2;
+    }
+    u32 result = 0;
+    if (kind == 1 &&
+        (table == L2RES_TABLE_ICIB || table == L2RES_TABLE_ECIB || table == L2RES_TABLE_IPAT)) {
+        const auto own = table == L2RES_TABLE_ICIB   ? g_api.icibRegister
+                         : table == L2RES_TABLE_ECIB ? g_api.ecibRegister
+                                                     : g_api.ipatRegister;
+        result = own(service, callback);
+    } else {
+        result = g_api.notifyRegister(table, service, callback);
+    }
+    REQUIRE(result == (valid ? 0u : 1u));
+}
+
+void RegisterHook()
+{
+    static const L2ResHook kHooks[] = {
+        reinterpret_cast<L2ResHook>(Count<0>), reinterpret_cast<L2ResHook>(Count<1>),
+        reinterpret_cast<L2ResHook>(Count<2>), reinterpret_cast<L2ResHook>(Translate),
+        reinterpret_cast<L2ResHook>(Count<4>), reinterpret_cast<L2ResHook>(Count<5>),
+    };
+    const u32 type = Next(7);
+    const bool silence = Next(4) == 0;
+    const bool valid = type < L2RES_HOOK_COUNT;
+    REQUIRE(g_api.hookRegister(type, silence || !valid ? nullptr : kHooks[type]) ==
+            (valid ? 0u : 1u));
+}
+
+/* Plausible, full, and nonsense: used above total, nothing at all, idle that does not add up. */
+void SetCounts()
+{
+    static const Counts kRows[] = {{8, 3, 5, 0}, {8, 8, 0, 0},       {8, 9, 0, 0},
+                                   {0, 0, 0, 0}, {8, 3, 0, 0},       {8, 8, 8, 0},
+                                   {8, 8, 0, 7}, {~0u, ~0u, ~0u, 0}, {~0u, 0, 1, 0}};
+    g_counts[Next(L2RES_HOOK_COUNT)] = kRows[Next(std::size(kRows))];
+    g_serviceFailures = Next(4) == 0 ? Next(64) : 0;
+    g_vlanResult = Next(8) == 0 ? 9 : 0;
+}
+
+bool HasAlarm(u32 type)
+{
+    return type < L2RES_ALARM_COUNT && type != 3;
+}
+
+void ExceedCheck()
+{
+    const u32 type = Next(8);
+    const bool reads = HasAlarm(type) && QorL2ResGetHook(type) != nullptr;
+    g_attempts = 0;
+    g_checks.push_back(nullptr);
+    const u32 result = g_api.exceedCheckAndAlarm(type);
+    g_checks.pop_back();
+    const bool full = reads && g_reported.result == 0 && g_reported.used == g_reported.total;
+    REQUIRE(g_attempts == (full ? 1u : 0u));
+    REQUIRE(result == (!HasAlarm(type) || (full && (g_serviceFailures & 0x1F) != 0) ? 1u : 0u));
+}
+
+void Probe(u32 type)
+{
+    const bool reads = HasAlarm(type) && g_raised[type] && QorL2ResGetHook(type) != nullptr;
+    g_attempts = 0;
+    g_checks.push_back(nullptr);
+    QorL2ResProbeProc(type);
+    g_checks.pop_back();
+    unsigned attempts = 0;
+    if (reads && g_reported.result == 0) {
+        if (++g_cycles[type] == 120) {
+            g_cycles[type] = 0;
+            ++attempts;
+        }
+        if (g_reported.used < g_reported.total) {
+            g_cycles[type] = 0;
+            ++attempts;
+        }
+    }
+    REQUIRE(g_attempts == attempts);
+}
+
+void ProbeOften()
+{
+    const u32 type = Next(7);
+    for (u32 left = Next(4) == 0 ? 120 : 1; left > 0; --left) {
+        Probe(type);
+    }
+}
+
+model::VlanDirection g_vlan[2] = {{false, {}, {}}, {true, {}, {}}};
+
+VlanEditInfo NextVlanInfo()
+{
+    return {Next(14), Next(9), 1 + Next(5), 1 + Next(2), 1, 1, Next(5), 0, 1, 1};
+}
+
+model::VlanDirection::Booking BookingOf(const model::VlanDirection &vlan, const VlanEditInfo &info)
+{
+    model::VlanDirection::Command command;
+    memcpy(command.data(), &info.outerTag, sizeof command);
+    return {vlan.OwnerOf(info.servType, info.outerTpid), info.tagFormat, command};
+}
+
+void AssignVlan()
+{
+    const u32 flag = Next(4);
+    VlanEditInfo info = NextVlanInfo();
+    u16 profile = 99;
+    g_vlanInfo = &info;
+    g_vlanCalls = 0;
+    model::VlanDirection &vlan = g_vlan[flag == 2];
+    const bool valid = (flag == 1 || flag == 2) && QorL2ResCheckVlanEditInfo(&info) == 1;
+    if (valid && vlan.bookings.size() > 120) {
+        return;
+    }
+    const bool hooked = QorL2ResGetHook(L2RES_HOOK_VLAN_TRANSLATION) != nullptr;
+    REQUIRE(g_api.assignVlanEditProfile(&info, &profile, flag) == (valid ? 0u : 1u));
+    if (!valid) {
+        REQUIRE(profile == 99);
+        return;
+    }
+    const auto booking = BookingOf(vlan, info);
+    const bool newCommand = !vlan.Stored(std::get<2>(booking));
+    const bool newMapping = vlan.Assign(booking);
+    REQUIRE(profile < 64);
+    const bool programs = newCommand || newMapping || vlan.egress;
+    REQUIRE(g_vlanCalls == (hooked && programs ? 1u : 0u));
+    REQUIRE(g_vlanCalls == 0 || g_vlanFlags == (flag | (newCommand ? 0x14u : 0u) |
+                                                (newMapping || vlan.egress ? 0x20u : 0u)));
+}
+
+void ReleaseVlan(VlanEditInfo *info, u32 flag)
+{
+    g_vlanInfo = info;
+    const u32 hookResult =
+        QorL2ResGetHook(L2RES_HOOK_VLAN_TRANSLATION) == nullptr ? 1 : g_vlanResult;
+    const u32 result = g_api.freeVlanEditProfile(info, flag);
+    const bool valid = (flag == 1 || flag == 2) && info->servType >= 1 && info->servType <= 12;
+    model::VlanDirection &vlan = g_vlan[flag == 2];
+    REQUIRE(result == (valid ? vlan.Release(BookingOf(vlan, *info), hookResult) : 1));
+}
+
+void ReleaseVlanNext()
+{
+    const u32 flag = Next(4);
+    VlanEditInfo info = NextVlanInfo();
+    ReleaseVlan(&info, flag);
+}
+
+void Query()
+{
+    const u32 entry = Next(kEntries);
+    const auto &model = g_sides[0].model;
+    L2ResQueryEntry entries[L2RES_QUERY_MAX];
+    u16 count = 99;
+    REQUIRE(QorL2ResIcibGet(&kIcibKeys[entry], entries, &count) == 0);
+    const auto list = model.lists.find(entry);
+    REQUIRE(count == model.records.count(entry) +
+                         (list == model.lists.end() ? 0 : list->second.waiters.size()));
+}
+
+/* Those that foreign code may call as well, then the worker's and what callers serialise. */
+void (*const kOperations[])() = {GetToken, GetToken,   GetToken,     FreeToken,      FreeToken,
+                                 Register, SetCounts,  RegisterHook, ExceedCheck,    Query,
+                                 Walk,     ProbeOften, AssignVlan,   ReleaseVlanNext};
+constexpr u32 kInnerOperations = 10;
+
+void InnerOperation()
+{
+    kOperations[Next(kInnerOperations)]();
+}
+
+/* ---- The whole of the module against the whole of the model ---- */
+
+bool Same(const L2ResOpRecord &record, const model::Record &expected)
+{
+    return record.Stamp == expected.stamp && record.Op == expected.op &&
+           record.SrvType == expected.type && record.Used == expected.used;
+}
+
+/* Their data, in bytes. */
+u64 CompareLists(const Side &side)
+{
+    u64 bytes = 0;
+    for (const auto &[entry, list] : side.model.lists) {
+        const void *key = KeyOf(side, entry);
+        const auto *node = static_cast<const char *>(
+            HASH_FindElmtFromFirst(consistency::Waits(!side.model.icib).table, key));
+        REQUIRE(node != nullptr);
+        L2ResWaitList waiting;
+        memcpy(&waiting, node + consistency::Waits(!side.model.icib).listOffset, sizeof waiting);
+        REQUIRE(waiting.reOpNum == list.waiters.size());
+        REQUIRE(waiting.walkCountdown == list.countdown);
+        for (u16 i = 0; i < waiting.reOpNum; ++i) {
+            REQUIRE(Same(waiting.entry[i].op, list.waiters[i].record));
+            REQUIRE(waiting.entry[i].srvType == list.waiters[i].service);
+            bytes += list.waiters[i].data.size();
+        }
+    }
+    return bytes;
+}
+
+u64 g_bytesAtRest;
+
+void Compare()
+{
+    consistency::Census census;
+    const std::string problem = consistency::Problem(&census);
+    if (!problem.empty()) {
+        fprintf(stderr, "%s\n", problem.c_str());
+        abort();
+    }
+    u64 bytes = 0;
+    for (int which : {0, 1}) {
+        const Side &side = g_sides[which];
+        REQUIRE(census.records[which] == side.model.records.size());
+        REQUIRE(census.lists[which] == side.model.lists.size());
+        for (const auto &[entry, record] : side.model.records) {
+            const auto *stored = which == 0 ? QorL2ResIcibOpHashSearch(&kIcibKeys[entry])
+                                            : QorL2ResIpatOpHashSearch(&kIpatKeys[entry]);
+            REQUIRE(stored != nullptr && Same(*stored, record));
+        }
+        bytes += CompareLists(side);
+    }
+    REQUIRE(census.moduleBytes == g_bytesAtRest + bytes);
+    REQUIRE(census.mappings == g_vlan[0].bookings.size() + g_vlan[1].bookings.size());
+    REQUIRE(g_openObjects == 0);
+    for (u32 type = 0; type < L2RES_ALARM_COUNT; ++type) {
+        REQUIRE(g_qorl2ResAlarmTbl[type].raised == (g_raised[type] ? 1u : 0u));
+        REQUIRE(g_qorl2ResAlarmTbl[type].resendCount == g_cycles[type]);
+    }
+}
+
+/* ---- Between inputs ---- */
+
+/* An IPAT list of ten is never shortened by a release: one waiter is taken out by hand. */
+void ShortenFullList(u32 entry)
+{
+    const auto list = g_sides[1].model.lists.find(entry);
+    if (list == g_sides[1].model.lists.end() || list->second.waiters.size() < L2RES_WAITERS_MAX) {
+        return;
+    }
+    L2ResWaitList &waiting = QorL2ResIpatReOpHashSearch(&kIpatKeys[entry])->waiters;
+    if (void *data = waiting.entry[--waiting.reOpNum].data) {
+        (void)QorL2ResMemFree(data);
+    }
+    list->second.waiters.pop_back();
+}
+
+void ReleaseEverything()
+{
+    for (u32 entry = 0; entry < kEntries; ++entry) {
+        Free(&g_sides[0], entry, L2RES_OP_DELETE);
+        ShortenFullList(entry);
+        for (int i = 0; i < L2RES_WAITERS_MAX; ++i) {
+            Free(&g_sides[1], entry, L2RES_OP_DELETE);
+        }
+    }
+    for (int i = 0; i < 3; ++i) {
+        Walk();
+    }
+    g_vlanResult = 0;
+    REQUIRE(g_api.hookRegister(3, reinterpret_cast<L2ResHook>(Translate)) == 0);
+    for (auto &vlan : g_vlan) {
+        while (!vlan.bookings.empty()) {
+            const auto &[owner, format, command] = *vlan.bookings.begin();
+            VlanEditInfo info = {owner.first, format, 0, 0, 0, 0, 0, 0, 0, 0};
+            memcpy(&info.outerTag, command.data(), sizeof command);
+            ReleaseVlan(&info, vlan.egress ? 2 : 1);
+        }
+    }
+    Compare();
+    consistency::Census census;
+    REQUIRE(consistency::Problem(&census).empty() && census.empty());
+}
+
+/* What has no operation that undoes it. */
+void Forget()
+{
+    memset(g_qorl2resRegTbl, 0, sizeof g_qorl2resRegTbl);
+    memset(g_qorl2ResHookTbl, 0, sizeof g_qorl2ResHookTbl);
+    memset(g_iveEditProfileItem, 0, sizeof g_iveEditProfileItem);
+    memset(g_eveEditProfileItem, 0, sizeof g_eveEditProfileItem);
+    memset(g_registered, 0, sizeof g_registered);
+    memset(g_counts, 0, sizeof g_counts);
+    for (u32 type = 0; type < L2RES_ALARM_COUNT; ++type) {
+        g_qorl2ResAlarmTbl[type].raised = g_qorl2ResAlarmTbl[type].resendCount = 0;
+        g_raised[type] = false;
+        g_cycles[type] = 0;
+    }
+    g_vlan[0].owners.clear();
+    g_vlan[1].owners.clear();
+    g_serviceFailures = 0;
+}
+
+/* ---- Services that cost little and check what they get ---- */
+
+u32 g_objectType, g_objectKind;
+
+u32 Fails(u32 operation)
+{
+    return g_serviceFailures >> operation & 1;
+}
+
+void CheckText(u32, u32, const char *text)
+{
+    REQUIRE(strlen(text) < 1024);
+}
+
+void UseCheapServices()
+{
+    auto &fakes = services::Get();
+    fakes.dbgLog.print = CheckText;
+    fakes.blackBox.print = CheckText;
+    fakes.log.objCreate = [](u32, u32, L2ResAlarmHandle *object) -> u32 {
+        ++g_attempts;
+        *object = 77;
+        g_openObjects += Fails(0) == 0;
+        return Fails(0);
+    };
+    fakes.time.getSysTime = [](L2ResAlarmTime *) -> u32 { return Fails(1); };
+    fakes.log.setAlarmComAttr = [](L2ResAlarmHandle object, L2ResAlarmAttr *attr) -> u32 {
+        REQUIRE(object == 77 && attr->time != nullptr);
+        g_objectKind = attr->alarmKind;
+        for (u32 type = 0; type < L2RES_ALARM_COUNT; ++type) {
+            if (g_qorl2ResAlarmTbl[type].tableAlarmCode == attr->tableAlarmCode) {
+                g_objectType = type;
+            }
+        }
+        return Fails(2);
+    };
+    fakes.log.addPara = [](L2ResAlarmHandle, u32, u32, const void *) -> u32 { return Fails(3); };
+    fakes.log.send = [](L2ResAlarmHandle) -> u32 {
+        --g_openObjects;
+        if (Fails(4) == 0) {
+            g_raised[g_objectType] = g_objectKind == L2RES_ALARM_RAISE;
+        }
+        return Fails(4);
+    };
+    fakes.log.objFree = [](L2ResAlarmHandle) -> u32 {
+        --g_openObjects;
+        return Fails(5);
+    };
+}
+
+} // namespace
+
+void RunOpStream(const u8 *data, size_t size)
+{
+    static const bool started = [] {
+        UseCheapServices();
+        REQUIRE(services::StartModule() == 0);
+        consistency::Census census;
+        REQUIRE(consistency::Problem(&census).empty() && census.empty());
+        g_bytesAtRest = census.moduleBytes;
+        return true;
+    }();
+    (void)started;
+    g_next = data;
+    g_end = data + size;
+    while (g_next != g_end) {
+        kOperations[Next(std::size(kOperations))]();
+        Compare();
+    }
+    ReleaseEverything();
+    Forget();
+}
