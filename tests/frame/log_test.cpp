@@ -1,6 +1,8 @@
 // The log call, and the wrappers of the other components' services.
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "frame/dbg_log.h"
 #include "frame/service_tables.h"
 #include "support/faults.h"
@@ -85,11 +87,9 @@ TEST(Log, BlackBoxRegistrationNeedsAllItsArguments)
 // journal shows.
 struct Wrapper {
     const char *operation;
-    const char *table;
     u32 (*call)();
     const char *entry; // of a call that reaches the service
-    void (*takeTable)();
-    void (*takeOperation)();
+    size_t position;   // in the log service's table; 3 in the time service's
 };
 
 L2ResAlarmTime g_time;
@@ -97,23 +97,14 @@ L2ResAlarmAttr g_attr = {2, 1, 2, 0, &g_time, 583, 0, 0};
 L2ResAlarmHandle g_object;
 
 const Wrapper kWrappers[] = {
-    {"objCreate", "g_qorL2ResLogFunVtbl",
-     [] { return QorL2ResLogAlarmObjCreate(5, 77, &g_object); }, "objCreate 5 77",
-     [] { g_qorL2ResLogFunVtbl = nullptr; }, [] { services::Get().log.objCreate = nullptr; }},
-    {"setAlarmComAttr", "g_qorL2ResLogFunVtbl",
-     [] { return QorL2ResLogSetAlarmComAttr(9, &g_attr); },
-     "setAlarmComAttr 9 kind 2/1 time 2 code 583", [] { g_qorL2ResLogFunVtbl = nullptr; },
-     [] { services::Get().log.setAlarmComAttr = nullptr; }},
-    {"addPara", "g_qorL2ResLogFunVtbl", [] { return QorL2ResLogAddAlarmPara(9, 25, 4, "textual"); },
-     "addPara 9 25 4 text", [] { g_qorL2ResLogFunVtbl = nullptr; },
-     [] { services::Get().log.addPara = nullptr; }},
-    {"send", "g_qorL2ResLogFunVtbl", [] { return QorL2ResLogAlarmSend(9); }, "send 9",
-     [] { g_qorL2ResLogFunVtbl = nullptr; }, [] { services::Get().log.send = nullptr; }},
-    {"objFree", "g_qorL2ResLogFunVtbl", [] { return QorL2ResLogAlarmObjFree(9); }, "objFree 9",
-     [] { g_qorL2ResLogFunVtbl = nullptr; }, [] { services::Get().log.objFree = nullptr; }},
-    {"getSysTime", "g_qorL2ResTimeFunVtbl", [] { return QorL2ResGetSysTime(&g_time); },
-     "getSysTime", [] { g_qorL2ResTimeFunVtbl = nullptr; },
-     [] { services::Get().time.getSysTime = nullptr; }},
+    {"objCreate", [] { return QorL2ResLogAlarmObjCreate(5, 77, &g_object); }, "objCreate 5 77", 1},
+    {"setAlarmComAttr", [] { return QorL2ResLogSetAlarmComAttr(9, &g_attr); },
+     "setAlarmComAttr 9 kind 2/1 time 2 code 583", 2},
+    {"getSysTime", [] { return QorL2ResGetSysTime(&g_time); }, "getSysTime", 3},
+    {"addPara", [] { return QorL2ResLogAddAlarmPara(9, 25, 4, "textual"); }, "addPara 9 25 4 text",
+     4},
+    {"send", [] { return QorL2ResLogAlarmSend(9); }, "send 9", 5},
+    {"objFree", [] { return QorL2ResLogAlarmObjFree(9); }, "objFree 9", 6},
 };
 
 TEST(Wrappers, ReportMissingTableMissingOperationAndFailure)
@@ -121,7 +112,9 @@ TEST(Wrappers, ReportMissingTableMissingOperationAndFailure)
     services::StartWorkingModule();
     g_time.opaque[19] = 0x5A;
     for (const Wrapper &wrapper : kWrappers) {
-        const std::string table = std::string("[ARP func vtable]") + wrapper.table;
+        const bool isTime = wrapper.position == 3;
+        const std::string table =
+            std::string("[ARP func vtable]g_qorL2Res") + (isTime ? "Time" : "Log") + "FunVtbl";
         const std::string operation = table + "->" + wrapper.operation;
         const auto expect = [&](u32 result, const Lines &lines) {
             journal::Clear();
@@ -133,15 +126,17 @@ TEST(Wrappers, ReportMissingTableMissingOperationAndFailure)
         expect(1, {wrapper.entry, journal::Error(operation + " is failed, ret=4294967295.")});
         services::Get().result.clear();
 
-        const services::Fakes before = services::Get();
-        wrapper.takeOperation();
+        auto *const positions = isTime ? reinterpret_cast<void **>(&services::Get().time)
+                                       : reinterpret_cast<void **>(&services::Get().log);
+        void *const before = std::exchange(positions[wrapper.position], nullptr);
         expect(1, {journal::Error(operation + " is null.")});
-        services::Get() = before;
+        positions[wrapper.position] = before;
 
-        const auto *log = g_qorL2ResLogFunVtbl;
-        wrapper.takeTable();
+        const auto *const log = std::exchange(g_qorL2ResLogFunVtbl, nullptr);
+        const auto *const time = std::exchange(g_qorL2ResTimeFunVtbl, nullptr);
         expect(1, {journal::Error(table + " is null.")});
         g_qorL2ResLogFunVtbl = log;
+        g_qorL2ResTimeFunVtbl = time;
     }
 }
 

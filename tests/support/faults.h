@@ -33,39 +33,17 @@
 #include "zir_timer.h"
 
 /* Those that can fail, then those that are only counted, recorded and observed. */
-#define FAULTS_OPERATIONS(X)                                                                       \
-    X(ZIR_HandleInitialize)                                                                        \
-    X(ZIR_MemAlloc)                                                                                \
-    X(ZIR_MemFree)                                                                                 \
-    X(ZIR_MutexInit)                                                                               \
-    X(ZIR_ReltmrCbkStart)                                                                          \
-    X(ZIR_ReltmrStop)                                                                              \
-    X(HASH_CreateNew)                                                                              \
-    X(HASH_NewData)                                                                                \
-    X(HASH_AddNode)                                                                                \
-    X(HASH_RemoveElmtByKey)                                                                        \
-    X(COMP_RegisterComponentInfo)                                                                  \
-    X(COMP_GetVTable)                                                                              \
-    X(memcpy_s)                                                                                    \
-    X(memset_s)                                                                                    \
-    X(strcpy_s)                                                                                    \
-    X(strcat_s)                                                                                    \
-    X(sprintf_s)                                                                                   \
-    X(snprintf_s)                                                                                  \
-    X(vsnprintf_s)                                                                                 \
-    X(epoll_create_s)                                                                              \
-    X(close_s)                                                                                     \
-    X(epoll_wait)                                                                                  \
-    X(QorEpollTaskCreate)                                                                          \
-    X(QorEpollQueCreate)                                                                           \
-    X(QorEpollQueCtl)                                                                              \
-    X(QorEpollQueDelete)                                                                           \
-    X(QorEpollQueGetMsgNum)                                                                        \
-    X(QorEpollQueWrite)                                                                            \
-    X(QorEpollQueRead)                                                                             \
-    X(QOR_Epoll_EvtProc)                                                                           \
-    X(HASH_DeleteHash)                                                                             \
+// clang-format off
+#define FAULTS_OPERATIONS(X) \
+    X(ZIR_HandleInitialize) X(ZIR_MemAlloc) X(ZIR_MemFree) X(ZIR_MutexInit) \
+    X(ZIR_ReltmrCbkStart) X(ZIR_ReltmrStop) X(HASH_CreateNew) X(HASH_NewData) \
+    X(HASH_AddNode) X(HASH_RemoveElmtByKey) X(COMP_RegisterComponentInfo) X(COMP_GetVTable) \
+    X(memcpy_s) X(memset_s) X(strcpy_s) X(strcat_s) X(sprintf_s) X(snprintf_s) \
+    X(vsnprintf_s) X(epoll_create_s) X(close_s) X(epoll_wait) X(QorEpollTaskCreate) \
+    X(QorEpollQueCreate) X(QorEpollQueCtl) X(QorEpollQueDelete) X(QorEpollQueGetMsgNum) \
+    X(QorEpollQueWrite) X(QorEpollQueRead) X(QOR_Epoll_EvtProc) X(HASH_DeleteHash) \
     X(HASH_FreeData)
+// clang-format on
 
 namespace faults {
 
