@@ -39,6 +39,9 @@ namespace {
 
 u32 HandOutInterface(bool accepted, void **out)
 {
+    if (out == nullptr) {
+        return QOR_FAIL;
+    }
     *out = accepted ? &g_l2ResFun : nullptr;
     return accepted ? QOR_OK : QOR_FAIL;
 }
@@ -75,7 +78,8 @@ u32 QOR_ETH_FactoryCreateInstance_l2rsm(void *factory, u32 interfaceId, void **o
 
 u32 QOR_ETH_FactoryQueryInterface_l2rsm(void *factory, u32 interfaceId, void **out)
 {
-    if (factory == nullptr || (interfaceId != QOR_IID_BASE && interfaceId != QOR_IID_FACTORY)) {
+    if (factory == nullptr || out == nullptr ||
+        (interfaceId != QOR_IID_BASE && interfaceId != QOR_IID_FACTORY)) {
         return QOR_E_NO_INTERFACE; // *out stays as it was
     }
     *out = factory;
