@@ -156,7 +156,7 @@ TEST(Notification, OfARowTellsEveryServiceInOrderWhateverTheOthersAnswer)
 // its callback, which would be reported as one that could not be told.
 TEST(Notification, SeesARegistrationWhole)
 {
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < 40; ++round) {
         for (u32 service = 0; service < 9; ++service) {
             g_qorl2resRegTbl[5][service] = {};
         }
