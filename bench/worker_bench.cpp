@@ -1,0 +1,296 @@
+/*
+ * The way of a message to the worker: streaming, and to a worker that sleeps.
+ *
+ * write and read of the queue's eventfd are counted by defining both here, before the C library's:
+ * that shows the wake-ups without any help from the platform.
+ */
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "bench.h"
+#include "frame/memory.h"
+#include "frame/worker.h"
+#include "qor_epoll.h"
+#include "zir_memory.h"
+
+#ifdef BENCH_GLIB
+#include <glib.h>
+#endif
+
+namespace {
+std::atomic<bool> g_counting{false};
+std::atomic<u64> g_wakeUps{0};
+std::atomic<u64> g_drains{0};
+} // namespace
+
+extern "C" ssize_t write(int descriptor, const void *data, size_t size)
+{
+    if (size == sizeof(u64) && g_counting.load(std::memory_order_relaxed)) {
+        g_wakeUps.fetch_add(1, std::memory_order_relaxed);
+    }
+    return syscall(SYS_write, descriptor, data, size);
+}
+
+extern "C" ssize_t read(int descriptor, void *data, size_t size)
+{
+    if (size == sizeof(u64) && g_counting.load(std::memory_order_relaxed)) {
+        g_drains.fetch_add(1, std::memory_order_relaxed);
+    }
+    return syscall(SYS_read, descriptor, data, size);
+}
+
+namespace bench {
+namespace {
+
+constexpr size_t kDepth = 4096;
+constexpr u32 kNobodysMessage = 3; /* a message type without work: read and freed */
+
+u64 LiveBlocks()
+{
+    ZIR_PartitionStat stat = {};
+    ZIR_PartitionGetStat(g_qorL2ResMemPtNo, &stat);
+    return stat.liveBlocks;
+}
+
+/* ---- Streaming ---- */
+
+constexpr benchmark::IterationCount kBatch = 16384;
+
+void AwaitHandled()
+{
+    while (QorEpollQueGetMsgNum(g_qorl2resQueue) != 0) {
+        std::this_thread::yield();
+    }
+}
+
+/* The queue is empty a moment before the last message is freed and the eventfd drained. */
+bool Settles(const std::function<bool()> &settled)
+{
+    for (u32 i = 0; i < 1000 && !settled(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return settled();
+}
+
+void Stream(benchmark::State &state)
+{
+    (void)Module();
+    StartWorker();
+    AwaitHandled();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const u64 blocksBefore = LiveBlocks();
+    g_wakeUps = 0;
+    g_drains = 0;
+    g_counting = true;
+    u64 posted = 0;
+    while (state.KeepRunningBatch(kBatch)) {
+        for (benchmark::IterationCount i = 0; i < kBatch; ++i) {
+            while (QorL2ResMsgWrite(kNobodysMessage, nullptr, 0) != 0) {
+                std::this_thread::yield();
+            }
+            ++posted;
+        }
+        AwaitHandled();
+    }
+    Expect(state, "messages posted", posted, state.iterations());
+    Expect(state, "all messages freed",
+           Settles([blocksBefore] { return LiveBlocks() == blocksBefore; }), true);
+    // The queue is drained once each time it runs empty: one wake-up per change to not empty.
+    Expect(state, "one wake-up per change", Settles([] { return g_wakeUps == g_drains; }), true);
+    g_counting = false;
+    state.counters["wakeups"] =
+        static_cast<double>(g_wakeUps) / static_cast<double>(state.iterations());
+}
+
+/* A bounded queue of the same depth, filled and emptied by the same rules. */
+class StdQueue {
+public:
+    bool Post(L2ResQueueMsg *message)
+    {
+        const std::lock_guard lock(mutex_);
+        if (queue_.size() >= kDepth) {
+            return false;
+        }
+        queue_.push_back(message);
+        if (queue_.size() == 1) {
+            notEmpty_.notify_one();
+        }
+        return true;
+    }
+
+    L2ResQueueMsg *Take()
+    {
+        std::unique_lock lock(mutex_);
+        notEmpty_.wait(lock, [this] { return !queue_.empty(); });
+        L2ResQueueMsg *message = queue_.front();
+        queue_.pop_front();
+        return message;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable notEmpty_;
+    std::deque<L2ResQueueMsg *> queue_;
+};
+
+#ifdef BENCH_GLIB
+class GlibQueue {
+public:
+    bool Post(L2ResQueueMsg *message)
+    {
+        if (g_async_queue_length(queue_) >= static_cast<gint>(kDepth)) {
+            return false;
+        }
+        g_async_queue_push(queue_, message);
+        return true;
+    }
+
+    L2ResQueueMsg *Take()
+    {
+        return static_cast<L2ResQueueMsg *>(g_async_queue_pop(queue_));
+    }
+
+private:
+    GAsyncQueue *queue_ = g_async_queue_new();
+};
+#endif
+
+/* Messages come from malloc and are freed by the taker; type 0 ends it. */
+template <class Queue> void StreamOver(benchmark::State &state)
+{
+    static Queue queue;
+    std::atomic<u64> handled{0};
+    std::thread worker([&handled] {
+        for (;;) {
+            L2ResQueueMsg *message = queue.Take();
+            const u32 type = message->msgType;
+            free(message->data);
+            free(message);
+            handled.store(handled.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+            if (type == 0) {
+                return;
+            }
+        }
+    });
+    const auto post = [](u32 type) {
+        auto *message = static_cast<L2ResQueueMsg *>(malloc(sizeof(L2ResQueueMsg)));
+        *message = {.msgType = type, .dataLen = 0, .data = nullptr};
+        while (!queue.Post(message)) {
+            std::this_thread::yield();
+        }
+    };
+    u64 posted = 0;
+    while (state.KeepRunningBatch(kBatch)) {
+        for (benchmark::IterationCount i = 0; i < kBatch; ++i) {
+            post(kNobodysMessage);
+            ++posted;
+        }
+        while (handled < posted) {
+            std::this_thread::yield();
+        }
+    }
+    post(0);
+    worker.join();
+    Expect(state, "messages handled", handled.load(), state.iterations() + 1);
+}
+
+/* ---- Waking a sleeper ---- */
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kFallAsleep = std::chrono::microseconds(60);
+
+/* Median of the time from `post` to the moment that `handled` is stamped on the other thread. */
+template <class Post>
+void WakeUp(benchmark::State &state, const std::atomic<Clock::rep> &handled, Post post)
+{
+    std::vector<double> samples;
+    for (auto _ : state) {
+        std::this_thread::sleep_for(kFallAsleep);
+        const Clock::rep before = handled.load();
+        const Clock::rep start = Clock::now().time_since_epoch().count();
+        post();
+        Clock::rep end = handled.load();
+        while (end == before) {
+            end = handled.load();
+        }
+        samples.push_back(static_cast<double>(end - start));
+    }
+    std::nth_element(samples.begin(), samples.begin() + samples.size() / 2, samples.end());
+    state.counters["figure"] = samples[samples.size() / 2];
+}
+
+std::atomic<Clock::rep> g_probed{0};
+
+/* The probe of a raised alarm calls the count hook: that is where a message is seen handled. */
+void WakeWorker(benchmark::State &state)
+{
+    (void)Module();
+    StartWorker();
+    g_onCount = [] { g_probed.store(Clock::now().time_since_epoch().count()); };
+    const std::atomic_ref raised(g_qorl2ResAlarmTbl[L2RES_ALARM_ICIB_PP].raised);
+    raised.store(1);
+    WakeUp(state, g_probed, [] { (void)QorL2ResMsgWrite(L2RES_MSG_PROBE, nullptr, 0); });
+    AwaitHandled();
+    raised.store(0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1)); // the last probe returns
+    g_onCount = nullptr;
+}
+
+/* An eventfd in an epoll instance, and nothing else. */
+void WakeRaw(benchmark::State &state)
+{
+    const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event wanted = {};
+    wanted.events = EPOLLIN;
+    (void)epoll_ctl(epoll, EPOLL_CTL_ADD, event, &wanted);
+    static std::atomic<Clock::rep> handled{0};
+    std::atomic<bool> ended{false};
+    std::thread sleeper([&] {
+        while (!ended) {
+            epoll_event ready[8] = {};
+            if (epoll_wait(epoll, ready, 8, -1) > 0) {
+                u64 value = 0;
+                (void)!::read(event, &value, sizeof value);
+                handled.store(Clock::now().time_since_epoch().count());
+            }
+        }
+    });
+    const auto post = [event] {
+        const u64 one = 1;
+        (void)!::write(event, &one, sizeof one);
+    };
+    WakeUp(state, handled, post);
+    ended = true;
+    post();
+    sleeper.join();
+    (void)close(epoll);
+    (void)close(event);
+}
+
+} // namespace
+
+void AddWorker()
+{
+    Add("stream/module", Stream);
+    Add("stream/std", StreamOver<StdQueue>);
+#ifdef BENCH_GLIB
+    Add("stream/glib", StreamOver<GlibQueue>);
+#endif
+    Add("wake/module", WakeWorker);
+    Add("wake/raw", WakeRaw);
+}
+
+} // namespace bench
