@@ -68,11 +68,20 @@ void Journal::dispatch(const Event &event)
     }
     // The time is read under the mutex, so that it never runs backwards in any sink.
     std::lock_guard lock(mutex_);
+    if (stopped_) {
+        return;
+    }
     Event stamped = event;
     stamped.at = clock_.now();
     for (Sink *sink : sinks) {
         sink->on(stamped);
     }
+}
+
+void Journal::stop()
+{
+    std::lock_guard lock(mutex_);
+    stopped_ = true;
 }
 
 unsigned Journal::thread()

@@ -101,6 +101,9 @@ public:
               std::string_view meaning = "");
     u64 write(Kind kind, std::string_view name, std::span<const Field> fields, u32 code = 0,
               std::string_view meaning = "");
+    /* Nothing is passed on any more: what the worker still does comes after the end. */
+    void stop();
+
     void writeResult(u64 number, std::string_view name, u32 code, std::string_view meaning);
 
     /* The calling thread's number, and its name as the system knows it. */
@@ -117,6 +120,7 @@ private:
 
     const Clock &clock_;
     std::mutex mutex_;
+    bool stopped_ = false;
     std::atomic<u64> lastNumber_ = 0;
     std::array<std::vector<Sink *>, static_cast<std::size_t>(Kind::count)> sinks_;
 };

@@ -154,22 +154,33 @@ static int complain(const std::string &text)
     return 1;
 }
 
-static int play(Host &device, const Options &options)
+/* Starts the device and plays the script; what ended it, "" when it passed. */
+static std::string runScenario(Host &device, const Options &options)
 {
-    int status = 0;
     try {
         requireReadable(options.script);
         device.start(options);
         device.scenario.play(options.script);
-        std::printf("scenario passed: %llu expectations\n", device.scenario.expectations());
+        return "";
     } catch (const ScriptError &error) {
-        status = complain(error.what());
+        return error.what();
     } catch (const std::exception &error) {
-        status = complain(std::string("l2rsm-host: ") + error.what());
+        return std::string("l2rsm-host: ") + error.what();
     }
+}
+
+static int play(Host &device, const Options &options)
+{
+    const std::string ended = runScenario(device, options);
+    // The last word is the verdict's, whatever the worker is at.
+    device.journal.stop();
+    int status = ended.empty() ? 0 : complain(ended);
     const std::string failure = device.services.failure();
     if (!failure.empty()) {
         status = complain("l2rsm-host: " + failure);
+    }
+    if (status == 0) {
+        std::printf("scenario passed: %llu expectations\n", device.scenario.expectations());
     }
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         status = complain(std::string("l2rsm-host: standard output: ") + std::strerror(errno));

@@ -2,15 +2,15 @@
 -- An alarm's life: raised by a check, sent again after 120 probes (ten minutes), cleared by the
 -- first probe that finds room, and every service of the table told.
 
+local told = {}
 for service = 0, 2 do
     notify.register{table="lem", service=service}
+    on.notify(service, function(event, record, data, tab)
+        told[#told + 1] = {service, event, tab}
+        expect(record, nil)
+        expect(data, nil)
+    end)
 end
-local told = {}
-on.notify(1, function(event, record, data, tab)
-    told[#told + 1] = {event, tab}
-    expect(record, nil)
-    expect(data, nil)
-end)
 
 engine.set{table="lem", total=2048, used=2047}
 expect(alarm.check{type="lem"}, 0)
@@ -38,8 +38,8 @@ expect(told, {})
 
 engine.set{table="lem", used=100}
 expect(host.wait_for("alarm", 60), true)
-expect(host.wait_for(function() return #told == 1 end, 60), true)
+expect(host.wait_for(function() return #told == 3 end, 60), true)
 expect(alarm.list(), {})
 expect(alarm.list{all=true}[1].on, false)
-expect(told, {{"idle", "lem"}})
+expect(told, {{0, "idle", "lem"}, {1, "idle", "lem"}, {2, "idle", "lem"}})
 expect(alarm.check{type=3}, 1, "type 3 has no alarm")
