@@ -141,7 +141,9 @@ TEST_F(Interleaving, AnOvertakenWaitIsTakenBackAndJudgedAgain)
     // A released ICIB record stays: the request waits all the same.
     EXPECT_EQ(kIcib.Get(kAdd, {1, 10, 100}), 0u);
     AtMessage("L2ResAddMutex Op:0,IsOp:0", [] { EXPECT_EQ(kIcib.Free(kAdd), 0u); });
+    journal::Clear();
     EXPECT_EQ(kIcib.Get(kAdd, {2, 20, 200, "A"}), 4u);
+    EXPECT_EQ(CountOf("L2ResAddMutex,"), 2u);
     EXPECT_EQ(kIcib.WaitingCount(), 1u);
 }
 

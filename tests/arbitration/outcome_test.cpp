@@ -7,7 +7,13 @@
 
 namespace {
 
-enum Stored { kKept, kNew, kNewUsed, kNewKeepsUse }; // kept as it was (or none), else the request's
+enum Stored {
+    kKept,        // as it was, or none
+    kNew,         // the request's
+    kNewUsed,     // the request's, ICIB: in use
+    kNewKeepsUse, // the request's, ICIB: in use if the holder's was
+    kNewIpat      // ICIB: none; IPAT: the request's
+};
 
 struct Row {
     u32 op;
@@ -16,59 +22,33 @@ struct Row {
     const char *ages;   // of the request: '<' older, '=' as old, '>' newer, each tried
     Stored stored;
     bool waits;
-    u32 result;
+    u32 icibResult, ipatResult;
 };
 
-const Row kIcibRows[] = {
-    {kAdd, "none", "1", "=", kNewUsed, false, 0},
-    {kAdd, "other", "01234", "<=", kKept, false, 1},
-    {kAdd, "other", "01234", ">", kKept, true, 4},
-    {kAdd, "same", "1", "<=>", kNewKeepsUse, false, 4},
-    {kAdd, "same", "2", "<", kNewUsed, false, 0},
-    {kAdd, "same", "2", "=>", kKept, false, 1},
-    {kAdd, "same", "3", ">", kNewUsed, false, 0},
-    {kAdd, "same", "3", "<=", kKept, false, 1},
-    {kDelete, "none", "1", "=", kNew, true, 4},
-    {kDelete, "other", "01234", "<=>", kKept, true, 4},
-    {kDelete, "same", "12", ">", kNewUsed, false, 0},
-    {kDelete, "same", "12", "<=", kKept, false, 1},
-    {kDelete, "same", "3", "<=>", kNewKeepsUse, false, 4},
-    {kUpdate, "none", "1", "=", kKept, true, 3},
-    {kUpdate, "other", "01234", "<=>", kKept, true, 0},
-    {kUpdate, "same", "1", ">", kNewUsed, false, 0},
-    {kUpdate, "same", "1", "<=", kKept, false, 1},
-    {kUpdate, "same", "2", "<=>", kNewUsed, false, 0},
-    {kUpdate, "same", "3", ">", kKept, true, 0},
-    {kUpdate, "same", "3", "<=", kKept, false, 1},
-    {kAdd, "same", "049", "<=>", kKept, false, 4},
-    {kDelete, "same", "049", "<=>", kKept, false, 4},
-    {kUpdate, "same", "049", "<=>", kKept, false, 0},
-};
-
-const Row kIpatRows[] = {
-    {kAdd, "none", "1", "=", kNew, false, 0},
-    {kAdd, "other", "01234", "<=", kKept, false, 1},
-    {kAdd, "other", "01234", ">", kKept, true, 4},
-    {kAdd, "same", "1", "<=>", kNew, false, 0},
-    {kAdd, "same", "2", "<", kNew, false, 0},
-    {kAdd, "same", "2", "=>", kKept, false, 1},
-    {kAdd, "same", "3", ">", kNew, false, 0},
-    {kAdd, "same", "3", "<=", kKept, false, 1},
-    {kDelete, "none", "1", "=", kNew, true, 4},
-    {kDelete, "other", "01234", "<=>", kKept, true, 4},
-    {kDelete, "same", "12", ">", kNew, false, 0},
-    {kDelete, "same", "12", "<=", kKept, false, 1},
-    {kDelete, "same", "3", "<=>", kNew, false, 0},
-    {kUpdate, "none", "1", "=", kNew, true, 3},
-    {kUpdate, "other", "01234", "<=>", kKept, true, 0},
-    {kUpdate, "same", "1", ">", kNew, false, 0},
-    {kUpdate, "same", "1", "<=", kKept, false, 1},
-    {kUpdate, "same", "2", "<=>", kNew, false, 0},
-    {kUpdate, "same", "3", ">", kKept, true, 0},
-    {kUpdate, "same", "3", "<=", kKept, false, 1},
-    {kAdd, "same", "049", "<=>", kKept, false, 0},
-    {kDelete, "same", "049", "<=>", kKept, false, 0},
-    {kUpdate, "same", "049", "<=>", kKept, false, 0},
+const Row kRows[] = {
+    {kAdd, "none", "1", "=", kNewUsed, false, 0, 0},
+    {kAdd, "other", "01234", "<=", kKept, false, 1, 1},
+    {kAdd, "other", "01234", ">", kKept, true, 4, 4},
+    {kAdd, "same", "1", "<=>", kNewKeepsUse, false, 4, 0},
+    {kAdd, "same", "2", "<", kNewUsed, false, 0, 0},
+    {kAdd, "same", "2", "=>", kKept, false, 1, 1},
+    {kAdd, "same", "3", ">", kNewUsed, false, 0, 0},
+    {kAdd, "same", "3", "<=", kKept, false, 1, 1},
+    {kDelete, "none", "1", "=", kNew, true, 4, 4},
+    {kDelete, "other", "01234", "<=>", kKept, true, 4, 4},
+    {kDelete, "same", "12", ">", kNewUsed, false, 0, 0},
+    {kDelete, "same", "12", "<=", kKept, false, 1, 1},
+    {kDelete, "same", "3", "<=>", kNewKeepsUse, false, 4, 0},
+    {kUpdate, "none", "1", "=", kNewIpat, true, 3, 3},
+    {kUpdate, "other", "01234", "<=>", kKept, true, 0, 0},
+    {kUpdate, "same", "1", ">", kNewUsed, false, 0, 0},
+    {kUpdate, "same", "1", "<=", kKept, false, 1, 1},
+    {kUpdate, "same", "2", "<=>", kNewUsed, false, 0, 0},
+    {kUpdate, "same", "3", ">", kKept, true, 0, 0},
+    {kUpdate, "same", "3", "<=", kKept, false, 1, 1},
+    {kAdd, "same", "049", "<=>", kKept, false, 4, 0},
+    {kDelete, "same", "049", "<=>", kKept, false, 4, 0},
+    {kUpdate, "same", "049", "<=>", kKept, false, 0, 0},
 };
 
 void ExpectRecord(const L2ResOpRecord &actual, const L2ResOpRecord &expected)
@@ -90,21 +70,21 @@ void Try(const Side &side, const Row &row, char op, char age, u32 used)
     }
     const u16 fwd = strcmp(row.holder, "other") == 0 ? 11 : 10;
     const u64 stamp = 500 + (age == '>') - (age == '<');
+    const u32 result = side.icib ? row.icibResult : row.ipatResult;
     g_countHookCalls = 0;
-    EXPECT_EQ(side.Get(row.op, {6, fwd, stamp, "data"}), row.result);
-    EXPECT_EQ(g_countHookCalls, side.icib && row.op == kAdd && row.result != 1 ? 1u : 0u);
+    EXPECT_EQ(side.Get(row.op, {6, fwd, stamp, "data"}), result);
+    EXPECT_EQ(g_countHookCalls, side.icib && row.op == kAdd && result != 1 ? 1u : 0u);
 
     const u16 recorded = static_cast<u16>(!side.icib && row.op == kUpdate ? kAdd : row.op);
-    L2ResOpRecord mine = {stamp, recorded, fwd, row.stored == kNewUsed ? 1u : 0u};
-    if (side.icib && held && (row.stored == kNewKeepsUse || row.stored == kKept)) {
-        mine.Used = used;
+    L2ResOpRecord mine = {stamp, recorded, fwd, 0};
+    if (side.icib && row.stored != kNew) {
+        mine.Used = row.stored == kNewUsed ? 1 : held ? used : 0;
     }
+    const bool replaced = row.stored != kKept && !(row.stored == kNewIpat && side.icib);
     const L2ResOpRecord *stored = side.Record();
-    if (row.stored == kKept && !held) {
-        EXPECT_EQ(stored, nullptr);
-    } else {
-        ASSERT_NE(stored, nullptr);
-        ExpectRecord(*stored, row.stored == kKept ? holder : mine);
+    ASSERT_EQ(stored != nullptr, held || replaced);
+    if (stored != nullptr) {
+        ExpectRecord(*stored, replaced ? mine : holder);
     }
 
     const L2ResWaitList *list = side.Waiting();
@@ -124,8 +104,7 @@ class Outcome : public Arbitration {};
 TEST_F(Outcome, FollowsTheTableRowByRow)
 {
     ForBoth([this](const Side &side) {
-        for (size_t i = 0; i < std::size(kIcibRows); ++i) {
-            const Row &row = side.icib ? kIcibRows[i] : kIpatRows[i];
+        for (const Row &row : kRows) {
             for (const char *op = row.ops; *op != '\0'; ++op) {
                 for (const char *age = row.ages; *age != '\0'; ++age) {
                     Try(side, row, *op, *age, 0);
@@ -138,6 +117,5 @@ TEST_F(Outcome, FollowsTheTableRowByRow)
         ExpectNothingLeft();
     });
 }
-static_assert(std::size(kIcibRows) == std::size(kIpatRows));
 
 } // namespace
