@@ -163,8 +163,23 @@ void SkipSilent(const Side &side, model::List *list, size_t until)
     }
 }
 
+/* The lists that the walk has released since foreign code ran last: told to the end, and gone. */
+void FollowWalk()
+{
+    auto &lists = g_sides[0].model.lists;
+    for (u32 entry = 0; g_walking && entry < kEntries; ++entry) {
+        const auto found = lists.find(entry);
+        if (found != lists.end() && QorL2ResIcibReOpHashSearch(&kIcibKeys[entry]) == nullptr) {
+            REQUIRE(found->second.countdown <= 1 && !found->second.young);
+            SkipSilent(g_sides[0], &found->second, found->second.waiters.size());
+            g_sides[0].model.Released(entry);
+        }
+    }
+}
+
 u32 EntryFree(Side *side, u32 service, const void *record, const void *data)
 {
+    FollowWalk();
     const u32 entry = EntryOf(*side, record);
     const auto found = side->model.lists.find(entry);
     REQUIRE(found != side->model.lists.end());
@@ -282,21 +297,14 @@ void Walk()
     }
     g_walking = true;
     QorL2ResIcibReOpHashWalk();
+    FollowWalk();
     g_walking = false;
-    for (u32 entry = 0; entry < kEntries; ++entry) {
-        const auto found = lists.find(entry);
-        if (found == lists.end()) {
-            continue;
-        }
-        model::List &list = found->second;
+    for (auto &[entry, list] : lists) {
         if (list.young) { // counted down if the walk met it
             const auto *node = QorL2ResIcibReOpHashSearch(&kIcibKeys[entry]);
-            REQUIRE(node != nullptr);
             list.countdown -= node->waiters.walkCountdown == 2;
-        } else if (list.countdown <= 1) {
-            SkipSilent(g_sides[0], &list, list.waiters.size());
-            g_sides[0].model.Released(entry);
         } else {
+            REQUIRE(list.countdown > 1);
             --list.countdown;
         }
     }

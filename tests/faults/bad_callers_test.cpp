@@ -69,14 +69,16 @@ void AddTokenCalls(std::vector<Call> *calls)
                  {"IPAT", &g_ipatKey, g_api.getIpatToken, g_api.freeIpatToken, 0}};
     for (const auto &side : sides) {
         const std::string name = side.name;
-        for (const auto &[service, op] :
-             {std::pair{0u, 0u}, {0u, 4u}, {0u, kWild}, {9u, 1u}, {kWild, 3u}, {kWild, kWild}}) {
-            calls->push_back({name + " of " + std::to_string(service) + "/" + std::to_string(op),
-                              [=] {
-                                  auto req = Request(side.key);
-                                  return side.get(service, op, &req);
-                              },
-                              1});
+        const std::pair<u32, u32> arguments[] = {{0, 0}, {0, 4},     {0, kWild},
+                                                 {9, 1}, {kWild, 3}, {kWild, kWild}};
+        for (const auto &pair : arguments) {
+            calls->push_back(
+                {name + " of " + std::to_string(pair.first) + "/" + std::to_string(pair.second),
+                 [=] {
+                     auto req = Request(side.key);
+                     return side.get(pair.first, pair.second, &req);
+                 },
+                 1});
         }
         for (u32 op : {0u, 1u, 2u, 3u, 4u, kWild}) {
             calls->push_back(
