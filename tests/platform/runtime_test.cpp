@@ -1,8 +1,10 @@
 /* Mutexes, tasks and the component registry. */
+#include <atomic>
 #include <condition_variable>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <pthread.h>
+#include <sched.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -45,16 +47,28 @@ TEST(MutexTest, OnlyItsOwnerReleasesIt) QOR_NO_THREAD_SAFETY
 {
     ZIR_Mutex mutex = {};
     u32 value = 0;
+    std::atomic<bool> entered{false};
+    /* Gives a thread that can enter every opportunity to. */
+    const auto letOthersRun = [] {
+        for (u32 i = 0; i < 1000; ++i) {
+            (void)sched_yield();
+        }
+    };
     ZIR_MutexLock(&mutex);
-    ZIR_MutexLock(&mutex);
+    std::thread([&]() QOR_NO_THREAD_SAFETY { ZIR_MutexUnlock(&mutex); }).join();
     std::thread other([&]() QOR_NO_THREAD_SAFETY {
-        ZIR_MutexUnlock(&mutex);
         ZIR_MutexLock(&mutex);
+        entered = true;
         EXPECT_EQ(value, 2U);
         ZIR_MutexUnlock(&mutex);
     });
+    letOthersRun();
+    EXPECT_FALSE(entered);
+    ZIR_MutexLock(&mutex);
     value = 1;
     ZIR_MutexUnlock(&mutex);
+    letOthersRun();
+    EXPECT_FALSE(entered);
     value = 2;
     ZIR_MutexUnlock(&mutex);
     other.join();
