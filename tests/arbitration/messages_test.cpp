@@ -75,6 +75,22 @@ Step Requested(const char *name, const Side &side, u32 op, const Ask &ask, u32 r
             opened + middle + Lines{Done(side.tableId, op, ask, ret)}};
 }
 
+Step Called(const char *name, const std::function<u32()> &act, u32 ret, const Lines &lines)
+{
+    return {name, act, ret, lines};
+}
+
+Step Freed(const char *name, const Side &side, u32 op, u32 ret, const Lines &lines)
+{
+    return {name, [=, &side] { return side.Free(op, MakeKey(), 12); }, ret, lines};
+}
+
+// Not judged at all: one line.
+Step Unjudged(const Side &side, u32 op, u32 srv, const string &line)
+{
+    return {"bad arguments", [=, &side] { return side.Get(op, {srv, 10, 1}); }, 1, {line}};
+}
+
 class Messages : public Arbitration {};
 
 const string kIcibKey = "KeyType:1,Port:2,Vsi:3,OutVlan:100,InnerVlan:6,Pri:8,Vdc:9";
@@ -101,6 +117,7 @@ TEST_F(Messages, OfIcibRequests)
                            "2/0 [QorL2ResExceedCheck], total:10, used:4, idle:6, ret:0."};
     const Lines held = IcibFound("Stamp:100,Op:1,SrvType:10,Used:1");
     const string modified = "Stamp:103,Op:2,SrvType:10,Used:1";
+    const string info = "2/1 Query icib used-info: servicename:";
     const string saved = "1/1 icib reop hash save info:timeStamp:";
     const string told = " keyType:1, GlobalPort:2, OuterVlan:100";
     Play({
@@ -129,25 +146,24 @@ TEST_F(Messages, OfIcibRequests)
             held + Lines{"0/0 L2ResUpdateMutex,Stamp:103,Op:2,SrvType:10,Used:0"} +
                 IcibStored("Stamp:100,Op:1,SrvType:10,Used:1", "Stamp:103,Op:2,Srv:10,Used:1") +
                 Lines{"1/1 icib mod oper proc,Op:2,IsOp:1,ReOp:0,IsReOp:0,ret:0."}),
-        {"query", query, 0,
-         IcibFound(modified) +
-             Lines{"2/1 Query icib used-info: servicename:10, optype:2, time:103, iswaiting:0.",
-                   "2/1 Query icib used-info: servicename:20, optype:1, time:101, iswaiting:1.",
-                   "2/1 Query icib used-info: servicename:30, optype:3, time:7, iswaiting:1."}},
-        {"free after an update", [] { return kIcib.Free(kUpdate); }, 0,
-         IcibFound(modified) + IcibStored(modified, "Stamp:103,Op:2,Srv:10,Used:0") +
-             Lines{"notify 2 two", "5/1 Icib Notify, ret:0 srvType:2" + told, "notify 3 three",
-                   "5/1 Icib Notify, ret:0 srvType:3" + told}},
-        {"free after a delete, nobody waits", [] { return kIcib.Free(kDelete); }, 0,
-         IcibFound("Stamp:103,Op:2,SrvType:10,Used:0") +
-             Lines{"0/1 L2ResIcibOpDel, " + kIcibKey + ",Ret:0",
-                   "5/1 icib reop hash search failed,key info:keyType--1, GlobalPort--2, "
-                   "OuterVlan--100."}},
-        {"free, nobody holds", [] { return kIcib.Free(kAdd, MakeKey(), 12); }, 1,
-         IcibFound("") + Lines{"5/1 icib op record is not exist.srvType:12,opType:1"}},
-        {"query of nothing", query, 0,
-         IcibFound("") + Lines{"2/1 Query op record is not exist. keytype:1, portid:2.",
-                               "2/1 Query waitinfo is not exist. keytype:1, portid:2."}},
+        Called("query", query, 0,
+               IcibFound(modified) + Lines{info + "10, optype:2, time:103, iswaiting:0.",
+                                           info + "20, optype:1, time:101, iswaiting:1.",
+                                           info + "30, optype:3, time:7, iswaiting:1."}),
+        Freed("after an update", kIcib, kUpdate, 0,
+              IcibFound(modified) + IcibStored(modified, "Stamp:103,Op:2,Srv:10,Used:0") +
+                  Lines{"notify 2 two", "5/1 Icib Notify, ret:0 srvType:2" + told, "notify 3 three",
+                        "5/1 Icib Notify, ret:0 srvType:3" + told}),
+        Freed("after a delete, nobody waits", kIcib, kDelete, 0,
+              IcibFound("Stamp:103,Op:2,SrvType:10,Used:0") +
+                  Lines{"0/1 L2ResIcibOpDel, " + kIcibKey + ",Ret:0",
+                        "5/1 icib reop hash search failed,key info:keyType--1, GlobalPort--2, "
+                        "OuterVlan--100."}),
+        Freed("nobody holds", kIcib, kAdd, 1,
+              IcibFound("") + Lines{"5/1 icib op record is not exist.srvType:12,opType:1"}),
+        Called("query of nothing", query, 0,
+               IcibFound("") + Lines{"2/1 Query op record is not exist. keytype:1, portid:2.",
+                                     "2/1 Query waitinfo is not exist. keytype:1, portid:2."}),
         Requested("update, nobody holds", kIcib, kUpdate, {3, 30, 6}, 3,
                   IcibFound("") +
                       Lines{saved + "6,srvType:30,opCode:2,reOpNum:1.",
@@ -156,37 +172,16 @@ TEST_F(Messages, OfIcibRequests)
                   IcibFound("") + IcibStored("", "Stamp:7,Op:3,Srv:30,Used:0") +
                       Lines{saved + "7,srvType:30,opCode:3,reOpNum:2.",
                             "1/1 icib del oper proc,Op:0,IsOp:1,ReOp:0,IsReOp:1,ret:4"}),
-        {"third walk",
-         [] { return Walk(3), 0u; },
-         0,
-         {"notify 3", "5/1 Notify Available, srvType:3 ,ret:0.", "notify 3",
-          "5/1 Notify Available, srvType:3 ,ret:0."}},
-        {"op type 0",
-         [] {
-             return kIcib.Get(0, {8, 10, 1});
-         },
-         1,
-         {Done(0, 0, {8, 10, 1}, 1)}},
-        {"service 9",
-         [] {
-             return kIcib.Get(kAdd, {9, 10, 1});
-         },
-         1,
-         {"5/1 L2ResGetIcib Fail,Service:9,OpType:1,Stamp:1,FwdType:10."}},
-        {"op type 4",
-         [] {
-             return kIcib.Get(4, {8, 10, 1});
-         },
-         1,
-         {"5/1 L2ResGetIcib Fail,Service:8,OpType:4,Stamp:1,FwdType:10."}},
-        {"no key",
-         [&] { return QorL2ResIcibGet(nullptr, entries, &count); },
-         1,
-         {"5/1 Query key is invalid."}},
-        {"no buffer",
-         [&] { return QorL2ResIcibGet(&key.icib, nullptr, &count); },
-         1,
-         {"5/1 Query buffer is invalid."}},
+        Called("third walk", [] { return Walk(3), 0u; }, 0,
+               {"notify 3", "5/1 Notify Available, srvType:3 ,ret:0.", "notify 3",
+                "5/1 Notify Available, srvType:3 ,ret:0."}),
+        Unjudged(kIcib, 0, 8, Done(0, 0, {8, 10, 1}, 1)),
+        Unjudged(kIcib, 1, 9, "5/1 L2ResGetIcib Fail,Service:9,OpType:1,Stamp:1,FwdType:10."),
+        Unjudged(kIcib, 4, 8, "5/1 L2ResGetIcib Fail,Service:8,OpType:4,Stamp:1,FwdType:10."),
+        Called("no key", [&] { return QorL2ResIcibGet(nullptr, entries, &count); }, 1,
+               {"5/1 Query key is invalid."}),
+        Called("no buffer", [&] { return QorL2ResIcibGet(&key.icib, nullptr, &count); }, 1,
+               {"5/1 Query buffer is invalid."}),
     });
     EXPECT_EQ(count, 0u); // of the last query that had all it needs; the lines are of the first
     EXPECT_EQ(entries[0].time, 103u);
@@ -237,20 +232,13 @@ TEST_F(Messages, OfIpatRequests)
             "update refused", kIpat, kUpdate, {1, 10, 100}, 1,
             held + Lines{"0/0 L2ResUpdateMutex,Stamp:100,Op:1,SrvType:10,Used:0",
                          "5/2 L2ResIpatUpdateMutexProc Fail,Unit:5,Port:100,Service:1," + failed}),
-        {"free",
-         [] { return kIpat.Free(0); },
-         0,
-         {"0/2 L2ResIpatOpDel unit:5,port:100,Ret:0.", "notify 2 two",
-          "5/1 Ipat Notify Available, srvType:2.", "notify 3 three"}},
-        {"free again: the last one's result",
-         [] { return kIpat.Free(kAdd); },
-         22,
-         {"0/2 L2ResIpatOpDel unit:5,port:100,Ret:1.", "notify 2 two",
-          "5/1 Ipat Notify Available, srvType:2."}},
-        {"free, nobody waits",
-         [] { return kIpat.Free(kAdd); },
-         0,
-         {"0/2 L2ResIpatOpDel unit:5,port:100,Ret:1."}},
+        Freed("two wait", kIpat, 0, 0,
+              {"0/2 L2ResIpatOpDel unit:5,port:100,Ret:0.", "notify 2 two",
+               "5/1 Ipat Notify Available, srvType:2.", "notify 3 three"}),
+        Freed("one waits", kIpat, kAdd, 22,
+              {"0/2 L2ResIpatOpDel unit:5,port:100,Ret:1.", "notify 2 two",
+               "5/1 Ipat Notify Available, srvType:2."}),
+        Freed("nobody waits", kIpat, kAdd, 0, {"0/2 L2ResIpatOpDel unit:5,port:100,Ret:1."}),
         Requested("update, nobody holds", kIpat, kUpdate, {3, 30, 6}, 3,
                   IpatFound("") + IpatStored("", claimed) +
                       Lines{"1/2 L2ResIpatUpdateMutexProc,Op:0,IsOp:1,ReOp:0,IsReOp:1,ret:3."}),
@@ -258,18 +246,8 @@ TEST_F(Messages, OfIpatRequests)
                   IpatFound(claimed) + Lines{"0/0 L2ResDelMutex,Stamp:7,Op:3,SrvType:30,Used:0"} +
                       IpatStored(claimed, "Stamp:7,Op:3,SrvType:30,Used:0") +
                       Lines{"1/2 L2ResIpatDelMutexProc,Op:3,IsOp:1,ReOp:0,IsReOp:0,ret:0."}),
-        {"op type 4",
-         [] {
-             return kIpat.Get(4, {8, 10, 1});
-         },
-         1,
-         {"5/0 L2ResGetIpatres Fail, Service:8,OpType:4,Stamp:1,FwdType:10."}},
-        {"service 9",
-         [] {
-             return kIpat.Get(kAdd, {9, 10, 1});
-         },
-         1,
-         {"5/0 L2ResGetIpatres Fail, Service:9,OpType:1,Stamp:1,FwdType:10."}},
+        Unjudged(kIpat, 4, 8, "5/0 L2ResGetIpatres Fail, Service:8,OpType:4,Stamp:1,FwdType:10."),
+        Unjudged(kIpat, 1, 9, "5/0 L2ResGetIpatres Fail, Service:9,OpType:1,Stamp:1,FwdType:10."),
     });
 }
 
