@@ -25,8 +25,9 @@ static std::filesystem::path scriptDirectory(lua_State *L)
 
 static std::string findComponent(lua_State *L, const std::string &file)
 {
-    const std::string script = std::filesystem::absolute(scriptDirectory(L) / file);
-    const std::string here = std::filesystem::absolute(file);
+    const std::filesystem::path current = std::filesystem::current_path();
+    const std::string script = current / scriptDirectory(L) / file;
+    const std::string here = current / file;
     std::error_code error;
     for (const std::string &candidate : {script, here}) {
         // With a zero byte the system would look at another name than the script gave.
