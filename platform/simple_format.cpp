@@ -24,7 +24,7 @@ constexpr auto POWERS = [] {
 /* The two digits of each number below 100. */
 constexpr auto PAIRS = [] {
     std::array<char, 200> pairs{};
-    for (u32 n = 0; n < 100; ++n) {
+    for (std::size_t n = 0; n < 100; ++n) {
         pairs[2 * n] = static_cast<char>('0' + n / 10);
         pairs[2 * n + 1] = static_cast<char>('0' + n % 10);
     }
