@@ -18,8 +18,8 @@ fresh() { # makes it, goes there
 
 same() { # what expected actual
     [[ $2 == "$3" ]] && return
-    echo "$1 (< expected, > actual):"
-    diff <(echo "$2") <(echo "$3")
+    echo "$1 (< expected, > actual):" >&2
+    diff <(echo "$2") <(echo "$3") >&2
 }
 
 # The host of a tree plays a scenario with that tree's libraries, not with those of the build.
