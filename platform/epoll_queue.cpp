@@ -2,9 +2,13 @@
  * Message queues and the event dispatcher.
  *
  * A queue is a ring of elements in a slot of a fixed table. The slot, with its mutex, outlives its
- * queues, so a stale handle is refused by its generation instead of leading into freed memory. The
- * eventfd of a queue is readable exactly while the queue holds elements: it is written when the
- * first element enters and cleared when the last one leaves, both under the slot's mutex.
+ * queues, so a stale handle is refused by its generation instead of leading into freed memory.
+ *
+ * The eventfd of a queue is readable while the queue holds elements. Whoever appends to an empty
+ * queue writes it, once the mutex is free again: the reader it wakes would else only run into the
+ * mutex, and be put to sleep and woken a second time. Whoever takes the last element clears it, under
+ * the mutex. A write that comes after that wakes a reader for nothing, who then clears it; a wake-up
+ * cannot be lost, as every append to an empty queue is followed by a write.
  */
 #include <atomic>
 #include <cerrno>
@@ -13,6 +17,7 @@
 #include <ctime>
 #include <mutex>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -31,6 +36,7 @@ struct Queue {
     pthread_cond_t room = PTHREAD_COND_INITIALIZER; /* an element left, or the queue ended */
     std::atomic<u32> generation{0};                 /* odd while the slot holds a queue */
     std::atomic<u32> count{0};                      /* elements waiting; written under the mutex */
+    std::atomic<u32> signallers{0};                 /* about to write the eventfd, mutex released */
     u32 waitingWriters = 0;
     u32 depth = 0;
     u32 elementSize = 0;
@@ -124,15 +130,18 @@ u32 waitForRoom(Queue *queue, QorQueueHandle handle, u32 timeoutMs)
     return lives(queue, handle) ? QOR_OK : QOR_FAIL;
 }
 
-void append(Queue *queue, const void *element)
+/* True: the queue was empty, and the caller is now one of the signallers. */
+bool append(Queue *queue, const void *element)
 {
     const u32 count = queue->count.load(std::memory_order_relaxed);
     const u64 position = (static_cast<u64>(queue->oldest) + count) % queue->depth;
     (void)memcpy(queue->ring + position * queue->elementSize, element, queue->elementSize);
     queue->count.store(count + 1, std::memory_order_relaxed);
-    if (count == 0) {
-        signalNonEmpty(queue);
+    if (count != 0) {
+        return false;
     }
+    ++queue->signallers;
+    return true;
 }
 
 void takeOldest(Queue *queue, void *element)
@@ -232,6 +241,10 @@ u32 QorEpollQueDelete(QorQueueHandle *queue)
     slot->count = 0;
     free(slot->ring);
     slot->ring = nullptr;
+    /* Their number only falls now, and they need no mutex. */
+    while (slot->signallers != 0) {
+        (void)sched_yield();
+    }
     (void)close(slot->eventFd);
     slot->eventFd = -1;
     (void)pthread_cond_broadcast(&slot->room);
@@ -250,17 +263,23 @@ u32 QorEpollQueWrite(QorQueueHandle queue, const void *element, u32 size, u32 ti
     if (slot == nullptr || element == nullptr) {
         return QOR_FAIL;
     }
-    const QueueLock lock(slot);
-    if (!lives(slot, queue) || size != slot->elementSize) {
-        return QOR_FAIL;
-    }
-    if (slot->count == slot->depth) {
-        const u32 result = waitForRoom(slot, queue, timeoutMs);
-        if (result != QOR_OK) {
-            return result;
+    {
+        const QueueLock lock(slot);
+        if (!lives(slot, queue) || size != slot->elementSize) {
+            return QOR_FAIL;
+        }
+        if (slot->count == slot->depth) {
+            const u32 result = waitForRoom(slot, queue, timeoutMs);
+            if (result != QOR_OK) {
+                return result;
+            }
+        }
+        if (!append(slot, element)) {
+            return QOR_OK;
         }
     }
-    append(slot, element);
+    signalNonEmpty(slot);
+    --slot->signallers;
     return QOR_OK;
 }
 
@@ -272,7 +291,11 @@ u32 QorEpollQueRead(QorQueueHandle queue, u32 option, void *element, u32 size)
         return 0;
     }
     const QueueLock lock(slot);
-    if (!lives(slot, queue) || size < slot->elementSize || slot->count == 0) {
+    if (!lives(slot, queue) || size < slot->elementSize) {
+        return 0;
+    }
+    if (slot->count == 0) {
+        signalEmpty(slot); /* woken for nothing */
         return 0;
     }
     takeOldest(slot, element);
