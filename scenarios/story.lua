@@ -1,5 +1,5 @@
 -- options: --speed 10 --slot 3
--- What the module does for the services of a device, told from its start.
+-- What the module does for the services of a device, told from its start: entries, alarms, VLAN edits.
 
 local routing, bridging, multicast = 1, 2, 3 -- service types
 
@@ -55,3 +55,20 @@ engine.set{table="icib_pp", used=10}
 expect(host.wait_for(function() return #alarm.list() == 0 end, 60), true)
 host.wait(1)
 expect(#alarm.list(), 0)
+
+print("== Routing and bridging both need a service tag on ingress: two profiles, one command")
+local function service_tag(service)
+    return {direction="ingress", service=service, format=2, outer_tag=2, outer_tpid=1,
+            outer_tpid_action=2, inner_tag=4}
+end
+local code, profile = vlan.assign(service_tag(routing))
+expect(code, 0)
+expect(vlan.assign(service_tag(bridging)), 0)
+engine.send{direction="ingress", profile=profile, tags={{vid=100, pri=5}}, outer_vid=2000}
+
+print("== Routing gives its edit back; the command stays until bridging does too")
+expect(vlan.release(service_tag(routing)), 0)
+expect(#vlan.check(), 0)
+expect(#vlan.show().ingress.commands, 1)
+expect(vlan.release(service_tag(bridging)), 0)
+expect(#vlan.show().ingress.commands, 0)
