@@ -8,6 +8,11 @@
  * freed is called back on the third tick of the re-op timer, two to three seconds after the first
  * waiter of the entry arrived.
  *
+ * A request that must wait again when it is repeated from a callback joins the list that is being
+ * notified and is called back again by the same release, until the list's ten places are used up; the
+ * next one is answered but not recorded. So a callback that is told to wait again had better leave it
+ * at that and ask later.
+ *
  * Ownership: request, key and data belong to the caller and are only read during the call; the
  * module copies what it keeps. Threads: any, concurrently; a callback may get and free tokens,
  * also of the very entry it was told about. One entry's requests are judged one after the other.

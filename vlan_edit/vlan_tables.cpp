@@ -6,7 +6,14 @@
 
 namespace {
 
-bool IsFree(const VlanEditMapping &entry)
+/* Most commands differ in a tag action: that spares most calls of the comparison. */
+inline bool SameCommand(const VlanEditCommand &a, const VlanEditCommand &b)
+{
+    return a.outerTag == b.outerTag && a.innerTag == b.innerTag &&
+           ZIR_MemCmp(&a, &b, sizeof(VlanEditCommand)) == 0;
+}
+
+inline bool IsFree(const VlanEditMapping &entry)
 {
     return entry.tagFormat == 0 && entry.profileId == 0;
 }
@@ -77,7 +84,7 @@ u16 VlanOwnedProfile(const VlanDirection *direction, u32 servType, u32 outerTpid
 u16 VlanFindCommand(const VlanDirection *direction, const VlanEditCommand *command)
 {
     for (u32 id = direction->firstCommand; id < L2RES_VLAN_COMMAND_COUNT; id++) {
-        if (ZIR_MemCmp(&direction->commands[id], command, sizeof(VlanEditCommand)) == 0) {
+        if (SameCommand(direction->commands[id], *command)) {
             return static_cast<u16>(id);
         }
     }
@@ -104,8 +111,8 @@ bool VlanBookMapping(const VlanDirection *direction, const VlanEditMapping *mapp
     u32 freeEntry = 0; /* where a mapping goes that no longer fits */
     for (u32 i = VLAN_FIRST_MAPPING; i < L2RES_VLAN_MAPPING_COUNT; i++) {
         const VlanEditMapping &entry = direction->mappings[i];
-        if (entry.tagFormat == mapping->tagFormat && entry.profileId == mapping->profileId &&
-            entry.commandId == mapping->commandId) {
+        if (entry.commandId == mapping->commandId && entry.profileId == mapping->profileId &&
+            entry.tagFormat == mapping->tagFormat) {
             return true;
         }
         if (freeEntry == 0 && IsFree(entry)) {
@@ -127,12 +134,15 @@ void VlanFindSharing(const VlanDirection *direction, const VlanEditMapping *key,
         const VlanEditMapping &entry = direction->mappings[i];
         const bool sameCommand = entry.commandId == key->commandId;
         const bool sameProfile = entry.profileId == key->profileId;
+        if (!sameCommand && !sameProfile) {
+            continue;
+        }
         if (sameCommand && !sameProfile) {
             QorL2ResDbgWriteLog(L2RES_LOG_REPORT, L2RES_LOG_GENERAL,
                                 "[L2RES]used cmd, cmdId:%u, prof:%u-%u,", entry.commandId,
                                 entry.profileId, key->profileId);
             sharing->commandShared = 1;
-        } else if (!sameCommand && sameProfile) {
+        } else if (!sameCommand) {
             /* Free entries name profile 0: its mark outlives a release, and is rewritten anyway. */
             sharing->profileShared = 1;
         } else if (sameCommand && entry.tagFormat == key->tagFormat) {
