@@ -18,20 +18,6 @@
 
 using namespace host;
 
-/*
- * For the leak check of a sanitized build: the worker's queue context lives as long as the process,
- * and at the end only the kernel's epoll instance still has its address.
- */
-extern "C" const char *__lsan_default_suppressions() // NOLINT(bugprone-reserved-identifier)
-{
-    return "leak:QorL2ResQueCreate\n";
-}
-
-extern "C" const char *__lsan_default_options() // NOLINT(bugprone-reserved-identifier)
-{
-    return "print_suppressions=0";
-}
-
 /* ---- options ---- */
 
 /* As the debug log service numbers them. */

@@ -42,6 +42,8 @@ struct Queue {
     u32 elementSize = 0;
     u32 oldest = 0; /* position of the oldest element */
     unsigned char *ring = nullptr;
+    /* The attached record, which otherwise only the kernel would know: a leak check finds it here. */
+    QorQueueContext *context = nullptr;
     int eventFd = -1;
 };
 
@@ -224,7 +226,11 @@ u32 QorEpollQueCtl(u32 epollFd, u32 operation, QorQueueHandle queue, u32 events,
     }
     const int result =
         epoll_ctl(static_cast<int>(epollFd), static_cast<int>(operation), slot->eventFd, &event);
-    return result == 0 ? 0 : static_cast<u32>(errno);
+    if (result != 0) {
+        return static_cast<u32>(errno);
+    }
+    slot->context = operation == QOR_QUEUE_ATTACH ? context : nullptr;
+    return QOR_OK;
 }
 
 u32 QorEpollQueDelete(QorQueueHandle *queue)
@@ -241,6 +247,7 @@ u32 QorEpollQueDelete(QorQueueHandle *queue)
     slot->count = 0;
     free(slot->ring);
     slot->ring = nullptr;
+    slot->context = nullptr;
     /* Their number only falls now, and they need no mutex. */
     while (slot->signallers != 0) {
         (void)sched_yield();
