@@ -83,8 +83,10 @@ u16 VlanOwnedProfile(const VlanDirection *direction, u32 servType, u32 outerTpid
 
 u16 VlanFindCommand(const VlanDirection *direction, const VlanEditCommand *command)
 {
+    const VlanEditCommand wanted = *command;
+    const VlanEditCommand *commands = direction->commands;
     for (u32 id = direction->firstCommand; id < L2RES_VLAN_COMMAND_COUNT; id++) {
-        if (SameCommand(direction->commands[id], *command)) {
+        if (SameCommand(commands[id], wanted)) {
             return static_cast<u16>(id);
         }
     }
@@ -108,18 +110,20 @@ u32 VlanStoreCommand(const VlanDirection *direction, const VlanEditCommand *comm
 
 bool VlanBookMapping(const VlanDirection *direction, const VlanEditMapping *mapping)
 {
+    const VlanEditMapping wanted = *mapping;
+    const VlanEditMapping *mappings = direction->mappings;
     u32 freeEntry = 0; /* where a mapping goes that no longer fits */
     for (u32 i = VLAN_FIRST_MAPPING; i < L2RES_VLAN_MAPPING_COUNT; i++) {
-        const VlanEditMapping &entry = direction->mappings[i];
-        if (entry.commandId == mapping->commandId && entry.profileId == mapping->profileId &&
-            entry.tagFormat == mapping->tagFormat) {
+        const VlanEditMapping &entry = mappings[i];
+        if (entry.commandId == wanted.commandId && entry.profileId == wanted.profileId &&
+            entry.tagFormat == wanted.tagFormat) {
             return true;
         }
         if (freeEntry == 0 && IsFree(entry)) {
             freeEntry = i;
         }
     }
-    direction->mappings[freeEntry] = *mapping;
+    direction->mappings[freeEntry] = wanted;
     return false;
 }
 
@@ -130,24 +134,26 @@ void VlanFindSharing(const VlanDirection *direction, const VlanEditMapping *key,
                 .commandShared = 0,
                 .profileShared = 0,
                 .formatShared = 0};
+    const VlanEditMapping wanted = *key;
+    const VlanEditMapping *mappings = direction->mappings;
     for (u32 i = VLAN_FIRST_MAPPING; i < L2RES_VLAN_MAPPING_COUNT; i++) {
-        const VlanEditMapping &entry = direction->mappings[i];
-        const bool sameCommand = entry.commandId == key->commandId;
-        const bool sameProfile = entry.profileId == key->profileId;
+        const VlanEditMapping &entry = mappings[i];
+        const bool sameCommand = entry.commandId == wanted.commandId;
+        const bool sameProfile = entry.profileId == wanted.profileId;
         if (!sameCommand && !sameProfile) {
             continue;
         }
         if (sameCommand && !sameProfile) {
             QorL2ResDbgWriteLog(L2RES_LOG_REPORT, L2RES_LOG_GENERAL,
                                 "[L2RES]used cmd, cmdId:%u, prof:%u-%u,", entry.commandId,
-                                entry.profileId, key->profileId);
+                                entry.profileId, wanted.profileId);
             sharing->commandShared = 1;
         } else if (!sameCommand) {
             /* Free entries name profile 0: its mark outlives a release, and is rewritten anyway. */
             sharing->profileShared = 1;
-        } else if (sameCommand && entry.tagFormat == key->tagFormat) {
+        } else if (entry.tagFormat == wanted.tagFormat) {
             sharing->mappingId = i;
-        } else if (sameCommand && !IsFree(entry)) {
+        } else if (!IsFree(entry)) {
             sharing->formatShared = 1;
         }
     }
