@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "engine.h"
+#include "ledger.h"
 #include "module.h"
 #include "notifications.h"
 
@@ -12,6 +13,7 @@ namespace host {
 
 static const L2RsmFunVtbl *s_module; // functions of a C table carry no context
 static Journal *s_journal;
+static Ledger *s_ledger;
 
 template <class Operation>
 static u32 traced(const char *name, const std::vector<Field> &fields, const char *(*meaning)(u32),
@@ -153,8 +155,25 @@ template <TokenTable Table, bool Get> static u32 token(u32 service, u32 op, L2Re
                                : (Get ? s_module->getIpatToken : s_module->freeIpatToken);
     const std::string name =
         std::string(Table == TokenTable::icib ? "icib." : "ipat.") + (Get ? opName(op) : "free");
-    return traced(name.c_str(), requestFields(Table, Get, service, op, req),
-                  Get ? tokenMeaning : freeMeaning, [&] { return operation(service, op, req); });
+    const void *key = req != nullptr ? req->key : nullptr;
+    const auto call = [&] {
+        return traced(name.c_str(), requestFields(Table, Get, service, op, req),
+                      Get ? tokenMeaning : freeMeaning,
+                      [&] { return operation(service, op, req); });
+    };
+    if (Get) {
+        return s_ledger->get({.table = Table,
+                              .service = service,
+                              .op = op,
+                              .request = req != nullptr,
+                              .key = key != nullptr,
+                              .fwd = req != nullptr ? req->FwdType : u16{0},
+                              .stamp = req != nullptr ? req->Stamp : u64{0}},
+                             key, call);
+    }
+    const u32 result = call();
+    s_ledger->freed(Table, key);
+    return result;
 }
 
 /* ---- VLAN edits, alarms ---- */
@@ -202,10 +221,11 @@ template <class Operation> static Operation *unlessEmpty(Operation *position, Op
     return position == nullptr ? nullptr : wrapper;
 }
 
-const L2RsmFunVtbl *clientTable(const L2RsmFunVtbl &module, Journal &journal)
+const L2RsmFunVtbl *clientTable(const L2RsmFunVtbl &module, Journal &journal, Ledger &ledger)
 {
     s_module = &module;
     s_journal = &journal;
+    s_ledger = &ledger;
     static const L2RsmFunVtbl table = {
         .queryInterface = module.queryInterface,
         .hookRegister = unlessEmpty(module.hookRegister, hookRegister),

@@ -12,11 +12,12 @@
 
 #include "journal.h"
 #include "l2rsm_component.h"
+#include "ledger.h"
 
 namespace host {
 
-/* There is one, for one module and one journal; both outlive it. */
-const L2RsmFunVtbl *clientTable(const L2RsmFunVtbl &module, Journal &journal);
+/* There is one, for one module, journal and ledger; all outlive it. */
+const L2RsmFunVtbl *clientTable(const L2RsmFunVtbl &module, Journal &journal, Ledger &ledger);
 
 } // namespace host
 

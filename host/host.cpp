@@ -11,11 +11,19 @@ void Host::start(const Options &options)
         journal.attach(printer, {Kind::hook, Kind::service, Kind::log});
     }
     journal.attach(logCapture, {Kind::log});
+    journal.attach(logHistory, {Kind::log});
+    json = options.json;
+    if (json) {
+        printer.sendEventsToStandardError();
+    }
+    module.setLedger(ledger);
     // The timers of phase 2 run at the speed that is set when they are started.
     clock.setSpeed(options.speed);
     ZIR_TimerSetSpeed(options.speed);
     services.start(options.services);
     module.start(options.module);
+    inspector.attach(module, services.partition());
+    leftovers.remember(module, inspector);
     engine.setVlanTranslation(
         [this](const VlanEditInfo &info, u16 profileId, u16 commandId, u32 flag) {
             return vlanEngine.program(&info, profileId, commandId, flag);

@@ -10,8 +10,12 @@
 #include <string>
 
 #include "engine.h"
+#include "inspect.h"
 #include "journal.h"
+#include "ledger.h"
+#include "leftovers.h"
 #include "log_capture.h"
+#include "log_history.h"
 #include "module.h"
 #include "notifications.h"
 #include "printer.h"
@@ -26,7 +30,9 @@ struct Options {
     std::string module; // the library
     ServiceOptions services{};
     u32 speed = 1;
-    bool trace = false; // print hooks, services and log lines, too
+    bool trace = false;       // print hooks, services and log lines, too
+    bool json = false;        // show functions print JSON, events go to standard error
+    bool interactive = false; // a prompt, after the script if there is one
 };
 
 struct Host {
@@ -37,7 +43,12 @@ struct Host {
     Engine engine{journal};
     VlanEngine vlanEngine{[this](std::string_view line) { journal.write(Kind::text, line, {}); }};
     LogCapture logCapture;
+    LogHistory logHistory;
     Module module{journal};
+    Inspector inspector;
+    Ledger ledger{journal, inspector};
+    Leftovers leftovers;
+    bool json = false; // what the show functions print when they are not told
     Scenario scenario{*this};
     Notifications notifications{journal,
                                 [this](const Notification &n) { return scenario.handle(n); }};

@@ -1,5 +1,6 @@
 /* vlan, engine: VLAN edits, what the module books of them, and what the engine makes of them. */
 #include "host.h"
+#include "leftovers.h"
 #include "lua_api.h"
 
 namespace host {
@@ -95,19 +96,6 @@ static int vlanDump(Call &call)
 
 /* ---- tables ---- */
 
-static VlanTables tablesOf(const Module &module, u32 direction)
-{
-    const bool egress = direction == L2RES_VLAN_EGRESS;
-    const auto symbol = [&](const char *ingressName, const char *egressName) {
-        return module.symbol(egress ? egressName : ingressName);
-    };
-    return {static_cast<const u32 *>(symbol("g_iveEditProfileItem", "g_eveEditProfileItem")),
-            static_cast<const VlanEditCommand *>(
-                symbol("g_iveEditCommandInfo", "g_eveEditCommandInfo")),
-            static_cast<const VlanEditMapping *>(
-                symbol("g_iveEditCommandItem", "g_eveEditCommandItem"))};
-}
-
 /* One row of a shown table: printed, and appended as a table to the list on top of the stack. */
 static void addRow(Call &call, const char *what, std::initializer_list<Field> fields)
 {
@@ -199,7 +187,7 @@ template <class Show> static int showDirections(Call &call, const std::string &w
 static int vlanShow(Call &call)
 {
     return showDirections(call, "vlan.show", [&](u32 direction) {
-        showModuleTables(call, tablesOf(call.host.module, direction));
+        showModuleTables(call, vlanTables(call.host.module, direction));
     });
 }
 
@@ -214,7 +202,7 @@ static int vlanCheck(Call &call)
     std::vector<std::string> differences;
     for (u32 direction : {L2RES_VLAN_INGRESS, L2RES_VLAN_EGRESS}) {
         const auto found =
-            call.host.vlanEngine.check(direction, tablesOf(call.host.module, direction));
+            call.host.vlanEngine.check(direction, vlanTables(call.host.module, direction));
         differences.insert(differences.end(), found.begin(), found.end());
     }
     if (differences.empty()) {

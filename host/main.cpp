@@ -146,6 +146,7 @@ static std::string runScenario(Host &device, const Options &options)
     try {
         requireReadable(options.script);
         device.start(options);
+        device.scenario.open();
         device.scenario.play(options.script);
         return "";
     } catch (const ScriptError &error) {

@@ -9,6 +9,7 @@
 
 #include "comp_registry.h"
 #include "engine.h"
+#include "ledger.h"
 #include "notifications.h"
 
 namespace host {
@@ -178,8 +179,21 @@ u32 Module::token(const TokenRequest &request, bool get)
     req.dataLen = static_cast<u16>(request.data.size());
     req.data = request.data.empty() ? nullptr : request.data.data();
     const auto meaning = get ? tokenMeaning : icib ? freeMeaning : ipatFreeMeaning;
-    return traced(name.c_str(), requestFields(request, get), meaning,
-                  [&] { return operation(request.service, request.op, &req); });
+    const auto call = [&] {
+        return traced(name.c_str(), requestFields(request, get), meaning,
+                      [&] { return operation(request.service, request.op, &req); });
+    };
+    if (get) {
+        return ledger_->get({.table = request.table,
+                             .service = request.service,
+                             .op = request.op,
+                             .fwd = request.fwd,
+                             .stamp = request.stamp},
+                            req.key, call);
+    }
+    const u32 result = call();
+    ledger_->freed(request.table, req.key);
+    return result;
 }
 
 u32 Module::getToken(const TokenRequest &request)

@@ -32,6 +32,8 @@ struct TokenRequest {
 const char *tokenMeaning(u32 result);
 const char *opName(u32 op); // "add", "update", "delete"
 
+class Ledger;
+
 class Module {
 public:
     explicit Module(Journal &journal) : journal_(journal)
@@ -44,6 +46,12 @@ public:
     const L2RsmFunVtbl &table() const
     {
         return *table_;
+    }
+
+    /* Who keeps account of requests for tokens; before the first one. */
+    void setLedger(Ledger &ledger)
+    {
+        ledger_ = &ledger;
     }
 
     /* The operations of the exported table. Each throws when the module's position is empty. */
@@ -75,6 +83,7 @@ private:
     std::string path_;
     void *handle_ = nullptr;
     const L2RsmFunVtbl *table_ = nullptr;
+    Ledger *ledger_ = nullptr;
 };
 
 } // namespace host

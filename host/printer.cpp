@@ -1,6 +1,7 @@
 #include "printer.h"
 
 #include <cstdio>
+#include <utility>
 
 namespace host {
 
@@ -137,7 +138,39 @@ void Printer::print(DeviceTime at, std::size_t depth, const std::string &line)
 {
     const std::string text =
         "[" + formatTime(at) + "] " + std::string(2 * depth, ' ') + line + "\n";
-    std::fwrite(text.data(), 1, text.size(), stdout);
+    emit(events_, text);
+}
+
+void Printer::emit(std::FILE *stream, const std::string &text)
+{
+    std::lock_guard lock(outputMutex_);
+    if (holding_) {
+        held_ += text;
+    } else {
+        std::fwrite(text.data(), 1, text.size(), stream);
+    }
+}
+
+void Printer::write(const std::string &lines)
+{
+    emit(stdout, lines);
+}
+
+void Printer::sendEventsToStandardError()
+{
+    events_ = stderr;
+}
+
+void Printer::hold(bool held)
+{
+    std::lock_guard lock(outputMutex_);
+    holding_ = held;
+}
+
+std::string Printer::takeHeld()
+{
+    std::lock_guard lock(outputMutex_);
+    return std::exchange(held_, {});
 }
 
 } // namespace host

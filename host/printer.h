@@ -3,7 +3,9 @@
 #define HOST_PRINTER_H
 
 #include <atomic>
+#include <cstdio>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,6 +21,15 @@ class Printer : public Sink {
 public:
     void on(const Event &event) override;
     bool wants(Kind kind) const override;
+
+    /* Lines as they are, without a time in front: tables, JSON. */
+    void write(const std::string &lines);
+    /* Events go to standard error; what write() is given stays on standard output. */
+    void sendEventsToStandardError();
+
+    /* While lines are held they are kept for the next takeHeld(): a prompt is being edited. */
+    void hold(bool held);
+    std::string takeHeld();
 
     /* While a Quiet lives, nothing is printed but alarms. */
     class Quiet {
@@ -54,6 +65,12 @@ private:
     std::map<unsigned, Stack> stacks_; // by thread
     std::atomic<int> quiet_ = 0;
     std::atomic<int> open_ = 0; // calls in all stacks
+
+    void emit(std::FILE *stream, const std::string &text);
+    std::mutex outputMutex_; // guards what follows
+    std::FILE *events_ = stdout;
+    bool holding_ = false;
+    std::string held_;
 };
 
 /* "text" with what a terminal cannot show escaped, in double quotes. */

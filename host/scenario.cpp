@@ -42,11 +42,11 @@ static int printFunction(lua_State *L)
     return 0;
 }
 
-void Scenario::play(const std::string &path)
+void Scenario::open()
 {
     main_ = luaL_newstate();
     if (main_ == nullptr) {
-        throw ScriptError(path + ": no memory for the interpreter");
+        throw ScriptError("no memory for the interpreter");
     }
     running_ = main_;
     luaL_openlibs(main_);
@@ -59,13 +59,17 @@ void Scenario::play(const std::string &path)
     lua_pushnil(main_);
     setTop(main_, "exit");
     lua_pop(main_, 1);
+}
 
-    if (luaL_loadfilex(main_, path.c_str(), "t") != LUA_OK || !protectedCall(main_, 0, 0)) {
+void Scenario::play(const std::string &path)
+{
+    // Without a name the script is what comes on standard input.
+    const char *file = path.empty() ? nullptr : path.c_str();
+    if (luaL_loadfilex(main_, file, "t") != LUA_OK || !protectedCall(main_, 0, 0)) {
         throw ScriptError(popError(main_));
     }
     // What came last is still the scenario's, and its handlers may still fail.
-    deliverQueued();
-    throwHandlerError();
+    deliver();
     if (!failedExpectation_.empty()) {
         throw ScriptError(failedExpectation_);
     }
@@ -172,6 +176,12 @@ void Scenario::deliverQueued()
     }
 }
 
+void Scenario::deliver()
+{
+    deliverQueued();
+    throwHandlerError();
+}
+
 void Scenario::throwHandlerError()
 {
     if (handlerError_) {
@@ -185,11 +195,15 @@ bool Scenario::wait(DeviceTime until, const std::function<bool()> &done)
 {
     using namespace std::chrono;
     const auto end = host_.clock.realTime(until);
+    interrupted_ = false;
     for (;;) {
         deliverQueued();
         throwHandlerError();
         if (done()) {
             return true;
+        }
+        if (interrupted_) {
+            throw ScriptError("interrupted");
         }
         const auto now = steady_clock::now();
         if (now >= end) {

@@ -8,6 +8,7 @@
 #ifndef HOST_SCENARIO_H
 #define HOST_SCENARIO_H
 
+#include <atomic>
 #include <functional>
 #include <lua.hpp>
 #include <map>
@@ -24,8 +25,21 @@ class Scenario {
 public:
     explicit Scenario(Host &host);
 
+    /* Starts the interpreter. */
+    void open();
+    lua_State *state() const // the interpreter's main thread
+    {
+        return main_;
+    }
     /* Plays the script. Throws ScriptError with position and reason. */
     void play(const std::string &path);
+    /* Handles what other threads queued. Throws what a handler left behind. */
+    void deliver();
+    /* Ends a running wait; also from a signal handler. */
+    void interrupt()
+    {
+        interrupted_ = true;
+    }
 
     /* The function at the stack index becomes the handler of the service. */
     void setHandler(lua_State *L, u32 service, int index);
@@ -78,6 +92,7 @@ private:
     u64 expectations_ = 0;
     u64 delivered_ = 0;
     int depth_ = 0;
+    std::atomic<bool> interrupted_ = false;
 };
 
 } // namespace host

@@ -308,6 +308,16 @@ u32 Services::send(L2ResAlarmHandle handle)
     return traced("log.send", {{"object", handle}}, complete ? 0 : BAD_ARGUMENT);
 }
 
+static void noteChange(Alarm &alarm, bool raise, u32 threshold, DeviceTime now)
+{
+    const bool again = raise && alarm.on;
+    ++(again ? alarm.resends : raise ? alarm.raises : alarm.clears);
+    alarm.changes.push_back({now, again ? "re-sent" : raise ? "raised" : "cleared", threshold});
+    if (alarm.changes.size() > Alarm::CHANGES_KEPT) {
+        alarm.changes.pop_front();
+    }
+}
+
 void Services::changeAlarm(const AlarmObject &object)
 {
     const bool raise = object.attributes->alarmKind == L2RES_ALARM_RAISE;
@@ -321,6 +331,7 @@ void Services::changeAlarm(const AlarmObject &object)
         if (alarm.on != raise) {
             alarm.since = journal_.clock().now();
         }
+        noteChange(alarm, raise, object.numbers[0], journal_.clock().now());
         alarm.on = raise;
         alarm.code = code;
         alarm.threshold = object.numbers[0];

@@ -13,6 +13,7 @@
 #ifndef HOST_SERVICES_H
 #define HOST_SERVICES_H
 
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -55,6 +56,15 @@ struct Alarm {
     bool on = false;
     u32 raised = 0; // how often a raise came since the alarm was last off
     DeviceTime since{};
+
+    struct Change {
+        DeviceTime at;
+        const char *what; // "raised", "re-sent", "cleared"
+        u32 threshold;
+    };
+    enum { CHANGES_KEPT = 32 };
+    u64 raises = 0, resends = 0, clears = 0; // since the start
+    std::deque<Change> changes{};            // the last ones, oldest first
 };
 
 struct ServiceOptions {

@@ -11,6 +11,7 @@
 
 #include "hash_table.h"
 #include "host.h"
+#include "progress.h"
 #include "zir_memory.h"
 
 namespace host {
@@ -437,6 +438,7 @@ void Stress::round(u32 operations)
 StressReport Stress::run()
 {
     const Printer::Quiet quiet(host_.printer);
+    const Ledger::Pause pause(host_.ledger);
     for (u32 service = 0; service < options_.clients; ++service) {
         host_.module.icibRegister(service);
         host_.module.ipatRegister(service);
@@ -446,7 +448,9 @@ StressReport Stress::run()
             return notified(table, service, event, record, data);
         });
     const u32 perRound = stepsPerRound(options_);
+    Progress progress("stress", options_.operations);
     for (u32 done = 0; done < options_.operations && !violated_; done += perRound) {
+        progress.update(done);
         round(std::min(perRound, options_.operations - done));
     }
     host_.notifications.stopIntercepting();
