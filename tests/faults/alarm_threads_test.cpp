@@ -41,9 +41,14 @@ TEST(AlarmThreads, AnAlarmThatIsOnAtTheServiceIsNeverForgotten)
     log.objCreate = [](u32, u32, L2ResAlarmHandle *) -> u32 { return QOR_OK; };
     log.addPara = [](L2ResAlarmHandle, u32, u32, const void *) -> u32 { return QOR_OK; };
     log.send = [](L2ResAlarmHandle) -> u32 {
-        const std::lock_guard lock(g_mutex);
-        g_lastWasRaise = t_raise;
-        ++g_sent[t_raise];
+        {
+            const std::lock_guard lock(g_mutex);
+            g_lastWasRaise = t_raise;
+            ++g_sent[t_raise];
+        }
+        for (int i = 0; i < 20; ++i) { // what is sent but not yet noted is the moment to come in
+            std::this_thread::yield();
+        }
         return QOR_OK;
     };
     services::Get().time.getSysTime = [](L2ResAlarmTime *) -> u32 { return QOR_OK; };
