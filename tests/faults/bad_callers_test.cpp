@@ -2,7 +2,6 @@
 // leave a trace, stop another caller or reach the engine.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <thread>
 
 #include "alarms/exceed_check.h"
@@ -25,15 +24,6 @@ L2ResTokenReq Request(const void *key, u16 type = 1, u64 stamp = 1)
     return {stamp, type, key, 0, nullptr};
 }
 
-u32 Silent(u32, void *, void *)
-{
-    return QOR_OK;
-}
-
-void AnyHook()
-{
-}
-
 Census Look()
 {
     Census census;
@@ -41,129 +31,106 @@ Census Look()
     return census;
 }
 
-/* Everything a call may leave behind in the open. */
+/* All that a call may leave behind in the open. */
 std::string Image()
 {
-    const auto bytes = [](const auto &table) {
-        return std::string(reinterpret_cast<const char *>(&table), sizeof table);
+    std::string image;
+    const auto add = [&image](const auto &table) {
+        image.append(reinterpret_cast<const char *>(&table), sizeof table);
     };
-    return bytes(g_qorl2resRegTbl) + bytes(g_qorl2ResHookTbl) + bytes(g_qorl2ResAlarmTbl) +
-           bytes(g_iveEditProfileItem) + bytes(g_eveEditProfileItem) + bytes(g_iveEditCommandInfo) +
-           bytes(g_eveEditCommandInfo);
+    add(g_qorl2resRegTbl), add(g_qorl2ResHookTbl), add(g_qorl2ResAlarmTbl);
+    add(g_iveEditProfileItem), add(g_eveEditProfileItem);
+    add(g_iveEditCommandInfo), add(g_eveEditCommandInfo);
+    return image;
 }
 
-struct Call {
-    std::string what;
-    std::function<u32()> act;
-    u32 result;
-};
-
-void AddTokenCalls(std::vector<Call> *calls)
+/* To be called right after the call. */
+void Without(const char *what, u32 result, u32 expected = 1)
 {
-    const struct {
-        const char *name;
-        const void *key;
-        u32 (*get)(u32, u32, L2ResTokenReq *), (*free)(u32, u32, L2ResTokenReq *);
-        u32 freeOfNothing;
-    } sides[] = {{"ICIB", &g_icibKey, g_api.getIcibToken, g_api.freeIcibToken, 1},
-                 {"IPAT", &g_ipatKey, g_api.getIpatToken, g_api.freeIpatToken, 0}};
-    for (const auto &side : sides) {
-        const std::string name = side.name;
-        const std::pair<u32, u32> arguments[] = {{0, 0}, {0, 4},     {0, kWild},
-                                                 {9, 1}, {kWild, 3}, {kWild, kWild}};
-        for (const auto &pair : arguments) {
-            calls->push_back(
-                {name + " of " + std::to_string(pair.first) + "/" + std::to_string(pair.second),
-                 [=] {
-                     auto req = Request(side.key);
-                     return side.get(pair.first, pair.second, &req);
-                 },
-                 1});
-        }
-        for (u32 op : {0u, 1u, 2u, 3u, 4u, kWild}) {
-            calls->push_back(
-                {name + " without a request", [=] { return side.get(1, op, nullptr); }, 1});
-            calls->push_back({name + " without a key",
-                              [=] {
-                                  auto req = Request(nullptr);
-                                  return side.get(1, op, &req) & side.free(1, op, &req);
-                              },
-                              1});
-            calls->push_back(
-                {name + " freed without a request", [=] { return side.free(1, op, nullptr); }, 1});
-            calls->push_back({name + " freed that nobody holds",
-                              [=] {
-                                  auto req = Request(side.key);
-                                  return side.free(kWild, op, &req);
-                              },
-                              side.freeOfNothing});
-        }
-    }
+    static const std::string image = Image();
+    static const u64 bytes = Look().moduleBytes;
+    EXPECT_EQ(result, expected) << what;
+    EXPECT_EQ(Image(), image) << what;
+    const Census census = Look();
+    EXPECT_TRUE(census.empty()) << what;
+    EXPECT_EQ(census.moduleBytes, bytes) << what;
 }
 
-void AddVlanCalls(std::vector<Call> *calls)
-{
-    static VlanEditInfo good = {5, 2, 1, 1, 1, 1, 0, 0, 1, 1};
-    static VlanEditInfo bad[20];
-    static u16 profile;
-    for (u32 flag : {0u, 1u, 2u, 3u, kWild}) {
-        const std::string name = "VLAN edit " + std::to_string(flag);
-        const bool known = flag == 1 || flag == 2;
-        calls->push_back(
-            {name, [=] { return g_api.assignVlanEditProfile(nullptr, &profile, flag); }, 1});
-        calls->push_back(
-            {name, [=] { return g_api.assignVlanEditProfile(&good, nullptr, flag); }, 1});
-        calls->push_back({name, [=] { return g_api.freeVlanEditProfile(nullptr, flag); }, 1});
-        calls->push_back(
-            {name, [=] { return g_api.freeVlanEditProfile(&good, flag); }, known ? 0u : 1u});
-        const u32 limits[] = {13, 8, 5, 5, 5, 5, 4, 4, 5, 5};
-        for (u32 field = 0; field < 20; ++field) { // each beyond its limit, and far beyond
-            bad[field] = good;
-            reinterpret_cast<u32 *>(&bad[field])[field % 10] = field < 10 ? limits[field] : kWild;
-            calls->push_back(
-                {name + " field " + std::to_string(field),
-                 [=] { return g_api.assignVlanEditProfile(&bad[field], &profile, flag); }, 1});
-        }
-    }
-}
-
-std::vector<Call> BadCalls()
-{
-    static void *out;
-    std::vector<Call> calls = {
-        {"interface for nobody", [] { return g_api.queryInterface(nullptr, 3016, nullptr); }, 1},
-        {"unknown interface", [] { return g_api.queryInterface(nullptr, kWild, &out); }, 1},
-        {"hook 6", [] { return g_api.hookRegister(6, AnyHook); }, 1},
-        {"hook far away", [] { return g_api.hookRegister(kWild, AnyHook); }, 1},
-        {"ICIB service 9", [] { return g_api.icibRegister(9, Silent); }, 1},
-        {"ECIB service 9", [] { return g_api.ecibRegister(9, Silent); }, 1},
-        {"IPAT service far away", [] { return g_api.ipatRegister(kWild, Silent); }, 1},
-        {"table 6", [] { return g_api.notifyRegister(6, 0, Silent); }, 1},
-        {"both far away", [] { return g_api.notifyRegister(kWild, kWild, Silent); }, 1},
-        {"alarm 3", [] { return g_api.exceedCheckAndAlarm(3); }, 1},
-        {"alarm 6", [] { return g_api.exceedCheckAndAlarm(6); }, 1},
-        {"alarm far away", [] { return g_api.exceedCheckAndAlarm(kWild); }, 1},
-        {"start far away", [] { return QorL2ResAlarmStart(kWild, 1); }, 1},
-        {"resume at the limit", [] { return QorL2ResAlarmResume(6, 1); }, 1},
-        {"count of no table", [] { return QorL2ResExceedCheck(kWild, nullptr); }, 0},
-        {"query without a key", [] { return QorL2ResIcibGet(nullptr, nullptr, nullptr); }, 1},
-        {"query into nothing", [] { return QorL2ResIcibGet(&g_icibKey, nullptr, nullptr); }, 1},
-    };
-    AddTokenCalls(&calls);
-    AddVlanCalls(&calls);
-    return calls;
-}
-
-TEST(BadCallers, AreRefusedWithoutATrace)
+/* The first call to Without sees the state that all others must leave. */
+void Start()
 {
     services::StartWorkingModule();
-    const Census before = Look();
-    for (const Call &call : BadCalls()) {
-        const std::string image = Image();
-        EXPECT_EQ(call.act(), call.result) << call.what;
-        EXPECT_EQ(Image(), image) << call.what;
-        EXPECT_EQ(Look().moduleBytes, before.moduleBytes) << call.what;
-        EXPECT_TRUE(Look().empty()) << call.what;
+    Without("anything", 1);
+}
+
+TEST(BadCallers, ArgumentsBeyondTheirLimitsAreRefusedWithoutATrace)
+{
+    Start();
+    void *out = nullptr;
+    Without("interface for nobody", g_api.queryInterface(nullptr, 3016, nullptr));
+    for (u32 wild : {9u, 14u, kWild}) {
+        Without("interface", g_api.queryInterface(nullptr, wild, &out));
+        Without("hook", g_api.hookRegister(wild, nullptr));
+        Without("ICIB service", g_api.icibRegister(wild, nullptr));
+        Without("ECIB service", g_api.ecibRegister(wild, nullptr));
+        Without("IPAT service", g_api.ipatRegister(wild, nullptr));
+        Without("table", g_api.notifyRegister(wild, 0, nullptr));
+        Without("service of a table", g_api.notifyRegister(0, wild, nullptr));
+        Without("alarm", g_api.exceedCheckAndAlarm(wild));
+        Without("start", QorL2ResAlarmStart(wild, 1));
+        Without("resume", QorL2ResAlarmResume(wild, 1));
+        Without("count", QorL2ResExceedCheck(wild, nullptr), 0);
+    }
+    Without("hook 6", g_api.hookRegister(6, nullptr));
+    Without("table 6", g_api.notifyRegister(6, 0, nullptr));
+    Without("alarm 3", g_api.exceedCheckAndAlarm(3));
+    Without("alarm 6", g_api.exceedCheckAndAlarm(6));
+    Without("query", QorL2ResIcibGet(nullptr, nullptr, nullptr));
+    Without("query into nothing", QorL2ResIcibGet(&g_icibKey, nullptr, nullptr));
+}
+
+TEST(BadCallers, RequestsForTokensAreRefusedWithoutATrace)
+{
+    Start();
+    for (bool icib : {true, false}) {
+        const auto get = icib ? g_api.getIcibToken : g_api.getIpatToken;
+        const auto free = icib ? g_api.freeIcibToken : g_api.freeIpatToken;
+        auto req = icib ? Request(&g_icibKey) : Request(&g_ipatKey);
+        auto keyless = Request(nullptr);
+        for (u32 op : {0u, 1u, 2u, 3u, 4u, kWild}) {
+            for (u32 service : {0u, 8u, 9u, kWild}) {
+                Without("no request", get(service, op, nullptr));
+                Without("no key", get(service, op, &keyless));
+                Without("no request to free", free(service, op, nullptr));
+                Without("no key to free", free(service, op, &keyless));
+                Without("nobody's token", free(service, op, &req), icib ? 1 : 0);
+                if (op < 1 || op > 3 || service > 8) {
+                    Without("beyond the limits", get(service, op, &req));
+                }
+            }
+        }
+    }
+}
+
+TEST(BadCallers, VlanEditsAreRefusedWithoutATrace)
+{
+    Start();
+    VlanEditInfo good = {5, 2, 1, 1, 1, 1, 0, 0, 1, 1};
+    const u32 limits[] = {13, 8, 5, 5, 5, 5, 4, 4, 5, 5};
+    u16 profile = 0;
+    for (u32 flag : {0u, 1u, 2u, 3u, kWild}) {
+        Without("no record", g_api.assignVlanEditProfile(nullptr, &profile, flag));
+        Without("no place", g_api.assignVlanEditProfile(&good, nullptr, flag));
+        Without("no record to free", g_api.freeVlanEditProfile(nullptr, flag));
+        const bool known = flag == 1 || flag == 2;
+        Without("not assigned", g_api.freeVlanEditProfile(&good, flag), known ? 0 : 1);
+        for (u32 field = 0; field < 10; ++field) {
+            for (u32 value : {limits[field], kWild}) {
+                VlanEditInfo bad = good;
+                reinterpret_cast<u32 *>(&bad)[field] = value;
+                Without("a field", g_api.assignVlanEditProfile(&bad, &profile, flag));
+            }
+        }
     }
 }
 
@@ -259,74 +226,37 @@ u32 TakeTime()
     return QOR_OK;
 }
 
-u32 SlowCallback(u32, void *, void *)
-{
-    return TakeTime();
-}
-
 u32 SlowCount(u32 *total, u32 *used, u32 *idle)
 {
     (void)Count(total, used, idle);
     return TakeTime();
 }
 
-u32 SlowTranslation(const VlanEditInfo *, u16, u16, u32)
-{
-    return TakeTime();
-}
-
-void AwaitAndFree(u32 table)
-{
-    const bool icib = table == L2RES_TABLE_ICIB;
-    auto req = icib ? Request(&g_icibKey, 2) : Request(&g_ipatKey, 2);
-    (void)(icib ? g_api.getIcibToken : g_api.getIpatToken)(1, L2RES_OP_DELETE, &req);
-    (void)(icib ? g_api.freeIcibToken : g_api.freeIpatToken)(1, L2RES_OP_DELETE, &req);
-}
-
 TEST(SlowForeignCode, StopsNobodyElse)
 {
     services::StartWorkingModule();
-    for (u32 table : {L2RES_TABLE_ICIB, L2RES_TABLE_IPAT, L2RES_TABLE_SEM}) {
-        g_api.notifyRegister(table, 1, SlowCallback);
-    }
-    g_api.hookRegister(L2RES_HOOK_VLAN_TRANSLATION, reinterpret_cast<L2ResHook>(SlowTranslation));
-    g_api.hookRegister(L2RES_HOOK_SEM, reinterpret_cast<L2ResHook>(SlowCount));
-    static VlanEditInfo info = {5, 2, 1, 1, 1, 1, 0, 0, 1, 1};
-    const struct {
-        const char *what;
-        void (*act)();
-        u32 calls;
-    } rows[] = {
-        {"ICIB callback", [] { AwaitAndFree(L2RES_TABLE_ICIB); }, 1},
-        {"IPAT callback", [] { AwaitAndFree(L2RES_TABLE_IPAT); }, 1},
-        {"count hook", [] { (void)g_api.exceedCheckAndAlarm(L2RES_ALARM_SEM); }, 1},
-        {"count hook of the probe, clear, idle callback",
-         [] {
-             g_counts.used = 5;
-             QorL2ResProbeProc(L2RES_ALARM_SEM);
-         },
-         3},
-        {"alarm service", [] { (void)QorL2ResAlarmStart(L2RES_ALARM_SEM, 1); }, 1},
-        {"VLAN hook",
-         [] {
-             u16 profile = 0;
-             (void)g_api.assignVlanEditProfile(&info, &profile, L2RES_VLAN_EGRESS);
-             (void)g_api.freeVlanEditProfile(&info, L2RES_VLAN_EGRESS);
-         },
-         2},
+    services::Get().during = [](const std::string &operation) {
+        if (operation == "send") {
+            (void)TakeTime();
+        }
     };
+    g_api.notifyRegister(L2RES_TABLE_SEM, 1, [](u32, void *, void *) { return TakeTime(); });
+    g_api.hookRegister(L2RES_HOOK_SEM, reinterpret_cast<L2ResHook>(SlowCount));
+    const L2ResVlanTranslationHook translate = [](auto...) { return TakeTime(); };
+    g_api.hookRegister(L2RES_HOOK_VLAN_TRANSLATION, reinterpret_cast<L2ResHook>(translate));
+
     g_counts = {10, 10, 10, 0};
-    for (const auto &row : rows) {
-        g_slowCalls = 0;
-        row.act();
-        EXPECT_GE(g_slowCalls, row.calls) << row.what;
-        services::Get().during = [](const std::string &operation) {
-            if (operation == "send") { // from the second row on
-                (void)TakeTime();
-            }
-        };
-    }
-    (void)Look();
+    EXPECT_EQ(g_api.exceedCheckAndAlarm(L2RES_ALARM_SEM), 0u);
+    EXPECT_EQ(g_slowCalls, 2u) << "count hook, send";
+    g_counts.used = 5;
+    QorL2ResProbeProc(L2RES_ALARM_SEM);
+    EXPECT_EQ(g_slowCalls, 5u) << "count hook, send, idle callback";
+    VlanEditInfo info = {5, 2, 1, 1, 1, 1, 0, 0, 1, 1};
+    u16 profile = 0;
+    EXPECT_EQ(g_api.assignVlanEditProfile(&info, &profile, L2RES_VLAN_EGRESS), 0u);
+    EXPECT_EQ(g_api.freeVlanEditProfile(&info, L2RES_VLAN_EGRESS), 0u);
+    EXPECT_EQ(g_slowCalls, 7u) << "translations";
+    EXPECT_TRUE(Look().empty());
 }
 
 } // namespace
