@@ -32,10 +32,24 @@ void WriteFailure(const CommonTable &table, const char *text)
     }
 }
 
+void WriteStored(const CommonTable &table, const void *key, const L2ResOpRecord &record)
+{
+    if (LogIsAttached()) {
+        table.lines.stored(key, record);
+    }
+}
+
+void WriteRemoved(const CommonTable &table, const void *key, u32 ret)
+{
+    if (LogIsAttached()) {
+        table.lines.removed(key, ret);
+    }
+}
+
 // The lines of one search, written after the fact; `found` is the record as it was then, or null.
 void WriteSearch(const CommonTable &table, const void *key, const L2ResOpRecord *found)
 {
-    if (table.silentBeforeInit && *table.opHash == nullptr) {
+    if (!LogIsAttached() || (table.silentBeforeInit && *table.opHash == nullptr)) {
         return;
     }
     table.lines.searched(key);
@@ -156,7 +170,7 @@ Replacement Store(const CommonTable &table, const void *key, const L2ResOpRecord
     if (ret != QOR_OK) {
         return Replacement::failed;
     }
-    table.lines.stored(key, record);
+    WriteStored(table, key, record);
     return Replacement::stored;
 }
 
@@ -182,7 +196,7 @@ u32 RemoveOpRecord(const CommonTable &table, const void *key)
     const u32 ret = HASH_RemoveElmtByKey(*table.opHash, key);
     ++Releases(table, key);
     ZIR_MutexUnlock(table.opMutex);
-    table.lines.removed(key, ret);
+    WriteRemoved(table, key, ret);
     return ret;
 }
 
@@ -208,7 +222,7 @@ bool MarkReleased(const CommonTable &table, const void *key)
     }
     WriteSearch(table, key, &report.before); // found, then found again to be overwritten
     WriteFailure(table, report.failure);
-    table.lines.stored(key, released);
+    WriteStored(table, key, released);
     return true;
 }
 
@@ -227,7 +241,7 @@ bool RemoveReleased(const CommonTable &table, const void *key, u32 *ret)
 
     WriteSearch(table, key, existed ? &before : nullptr);
     if (existed) {
-        table.lines.removed(key, *ret);
+        WriteRemoved(table, key, *ret);
     }
     return existed;
 }

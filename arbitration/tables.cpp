@@ -25,6 +25,8 @@ u32 g_icibReleases[kBucketCount];
 u32 g_ipatReleases[kBucketCount];
 u32 g_icibLastSerial;
 u32 g_ipatLastSerial;
+u32 g_icibWaitNodes;
+u32 g_ipatWaitNodes;
 
 constexpr u32 kIcib = L2RES_LOG_ICIB;
 constexpr u32 kIpat = L2RES_LOG_IPAT;
@@ -392,6 +394,7 @@ constinit const CommonTable kIcibTable = {
     .waitMutex = &g_icibReOpRecordMutex,
     .releases = g_icibReleases,
     .lastSerial = &g_icibLastSerial,
+    .waitNodes = &g_icibWaitNodes,
     .createOpFailed = "Create ICIB CommTblOp HashTable Failed.",
     .createWaitFailed = "Create ICIB CommTblReOp HashTable Failed.",
     .lines = kIcibLines,
@@ -417,6 +420,7 @@ constinit const CommonTable kIpatTable = {
     .waitMutex = &g_ipatReOpRecordMutex,
     .releases = g_ipatReleases,
     .lastSerial = &g_ipatLastSerial,
+    .waitNodes = &g_ipatWaitNodes,
     .createOpFailed = "Create IPAT CommTblOp HashTable Failed.",
     .createWaitFailed = "Create IPAT CommTblReOp HashTable Failed.",
     .lines = kIpatLines,

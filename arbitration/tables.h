@@ -11,6 +11,8 @@
  *   - Every release of a token counts up its bucket's `releases`. A request that was told to wait is
  *     recorded first and looks at the count then: had a release come in between, it is taken back
  *     and judged again, unless that release has notified it already.
+ *   - A release looks for waiting requests after it has counted. It may do so without their mutex: a
+ *     request that it misses was recorded later than it counted, so that request sees the count.
  *   - A release claims the entry's waiting requests, calls back with no lock held, and removes them
  *     in the same hold of the mutex that found no further one. Whoever meets a claimed entry leaves
  *     it to the claimer; requests appended meanwhile are notified by the claimer too.
@@ -74,6 +76,7 @@ struct CommonTable {
     ZIR_Mutex *waitMutex;
     u32 *releases;   /* per bucket, guarded by opMutex */
     u32 *lastSerial; /* of a waiting request, guarded by waitMutex */
+    u32 *waitNodes;  /* nodes in waitHash; written under waitMutex, read by a release without it */
 
     const char *createOpFailed, *createWaitFailed;
     RecordLines lines;

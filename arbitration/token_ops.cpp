@@ -2,6 +2,7 @@
 
 #include "arbitration/op_records.h"
 #include "arbitration/waiters.h"
+#include "frame/dbg_log.h"
 #include "l2rsm_alarms.h"
 #include "l2rsm_registry.h"
 
@@ -90,7 +91,10 @@ u32 HandleRequest(const CommonTable &table, u32 opType, u32 srvType, const L2Res
         return L2RES_TOKEN_REFUSED;
     }
     const HandlerRow &row = table.handler[opType];
-    row.opened(srvType, *req);
+    const bool logged = LogIsAttached();
+    if (logged) {
+        row.opened(srvType, *req);
+    }
     for (;;) {
         Holder holder = FindHolder(table, req->key);
         Judgement judgement;
@@ -102,7 +106,9 @@ u32 HandleRequest(const CommonTable &table, u32 opType, u32 srvType, const L2Res
             (void)QorL2ResExceedCheckAndAlarm(L2RES_ALARM_ICIB_PP);
         }
         if (CarryOut(table, row, *req, srvType, &judgement, &holder)) {
-            row.closed(judgement.verdict, judgement.ret);
+            if (logged) {
+                row.closed(judgement.verdict, judgement.ret);
+            }
             return judgement.ret;
         }
     }

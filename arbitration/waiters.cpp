@@ -1,5 +1,7 @@
 #include "arbitration/waiters.h"
 
+#include <atomic>
+
 #include "bounded.h"
 #include "frame/dbg_log.h"
 #include "frame/memory.h"
@@ -15,6 +17,31 @@ inline L2ResWaitList *ListOf(const CommonTable &table, void *node)
 inline void *FindNode(const CommonTable &table, const void *key) QOR_REQUIRES(*table.waitMutex)
 {
     return HASH_FindElmtFromFirst(*table.waitHash, key);
+}
+
+inline std::atomic_ref<u32> WaitNodes(const CommonTable &table)
+{
+    return std::atomic_ref(*table.waitNodes);
+}
+
+u32 InsertNode(const CommonTable &table, void *node) QOR_REQUIRES(*table.waitMutex)
+{
+    const u32 ret = HASH_AddNode(*table.waitHash, node, node, 0);
+    if (ret == QOR_OK) {
+        WaitNodes(table).fetch_add(1);
+    }
+    return ret;
+}
+
+// `hash` is the caller's: only what leaves the table itself counts.
+u32 RemoveNode(const CommonTable &table, HASH_Handle hash, const void *key)
+    QOR_REQUIRES(*table.waitMutex)
+{
+    const u32 ret = HASH_RemoveElmtByKey(hash, key);
+    if (ret == QOR_OK && hash == *table.waitHash) {
+        WaitNodes(table).fetch_sub(1);
+    }
+    return ret;
 }
 
 void WriteFailure(const CommonTable &table, const char *text)
@@ -35,6 +62,7 @@ u32 CreateWaitTable(const CommonTable &table)
         return QOR_FAIL;
     }
     (void)ZIR_MutexInit(table.waitMutex, nullptr);
+    WaitNodes(table).store(0);
     return QOR_OK;
 }
 
@@ -143,7 +171,7 @@ u32 AddNode(const CommonTable &table, const Request &request, const char **failu
     }
     CompleteEntry(table, list, request, copy);
     list->walkCountdown = table.walkCountdown;
-    if (HASH_AddNode(*table.waitHash, node, node, 0) != QOR_OK) {
+    if (InsertNode(table, node) != QOR_OK) {
         FreeData(&copy);
         HASH_FreeData(*table.waitHash, node);
         return QOR_FAIL;
@@ -193,11 +221,12 @@ u32 EmptyNode(const CommonTable &table, L2ResWaitList *list, const void *key)
         --list->reOpNum;
         FreeData(&list->entry[list->reOpNum].data);
     }
-    return HASH_RemoveElmtByKey(*table.waitHash, key);
+    return RemoveNode(table, *table.waitHash, key);
 }
 
 // A full node stays as it is; one left empty by a failed removal is tried again.
-u32 DropLatest(L2ResWaitList *list, const void *key, HASH_Handle hash)
+u32 DropLatest(const CommonTable &table, L2ResWaitList *list, const void *key, HASH_Handle hash)
+    QOR_REQUIRES(*table.waitMutex)
 {
     if (list->reOpNum >= L2RES_WAITERS_MAX) {
         return QOR_FAIL;
@@ -208,7 +237,7 @@ u32 DropLatest(L2ResWaitList *list, const void *key, HASH_Handle hash)
         FreeData(&latest.data);
         --list->reOpNum;
     }
-    return list->reOpNum == 0 ? HASH_RemoveElmtByKey(hash, key) : QOR_OK;
+    return list->reOpNum == 0 ? RemoveNode(table, hash, key) : QOR_OK;
 }
 
 } // namespace
@@ -231,7 +260,7 @@ bool TakeBackWaiter(const CommonTable &table, const void *key, u32 serial)
             }
             --list->reOpNum;
             if (list->reOpNum == 0) { // so it is not claimed
-                (void)HASH_RemoveElmtByKey(*table.waitHash, key);
+                (void)RemoveNode(table, *table.waitHash, key);
             }
         }
     }
@@ -241,13 +270,15 @@ bool TakeBackWaiter(const CommonTable &table, const void *key, u32 serial)
 
 namespace {
 
-// Marks entry i as handed out and copies it, so that it can be used with the mutex free. Without its
-// serial it cannot be taken back even when the release leaves it in the list.
-inline L2ResWaiter Claim(L2ResWaitList *list, u16 i)
+// Marks the entries from `first` to before `end` as handed out. Nobody writes them any more, so they
+// can be read with the mutex free. Without its serial an entry cannot be taken back even when the
+// release leaves it in the list.
+inline void Claim(L2ResWaitList *list, u16 first, u16 end)
 {
-    list->claimed = static_cast<u16>(i + 1);
-    list->entry[i].serial = kHandedOut;
-    return list->entry[i];
+    list->claimed = end;
+    for (u16 i = first; i < end; ++i) {
+        list->entry[i].serial = kHandedOut;
+    }
 }
 
 inline u32 Notify(const CommonTable &table, const L2ResWaiter &waiter, void *node)
@@ -258,34 +289,52 @@ inline u32 Notify(const CommonTable &table, const L2ResWaiter &waiter, void *nod
 
 } // namespace
 
+namespace {
+
+u32 NoWaiters(const CommonTable &table, const void *key)
+{
+    if (table.lines.noWaiters != nullptr && LogIsAttached()) {
+        table.lines.noWaiters(key);
+    }
+    return QOR_OK;
+}
+
+} // namespace
+
 u32 ReleaseWaiters(const CommonTable &table, const void *key)
 {
+    if (WaitNodes(table).load() == 0) { // most releases: spares the mutex
+        return NoWaiters(table, key);
+    }
     u32 ret = QOR_OK;
     ZIR_MutexLock(table.waitMutex);
     void *node = FindNode(table, key);
     if (node == nullptr) {
         ZIR_MutexUnlock(table.waitMutex);
-        if (table.lines.noWaiters != nullptr) {
-            table.lines.noWaiters(key);
-        }
-        return QOR_OK;
+        return NoWaiters(table, key);
     }
     L2ResWaitList *list = ListOf(table, node);
     if (list->claimed != 0) {
         ZIR_MutexUnlock(table.waitMutex);
         return QOR_OK;
     }
-    // reOpNum is read again each time: what is appended meanwhile is notified as well.
-    for (u16 i = 0; i < list->reOpNum; ++i) {
-        const L2ResWaiter waiter = Claim(list, i);
+    // Round by round until nothing is left: what is appended meanwhile is notified as well.
+    for (u16 i = 0; i < list->reOpNum;) {
+        const u16 end = list->reOpNum;
+        Claim(list, i, end);
         ZIR_MutexUnlock(table.waitMutex);
-        ret = Notify(table, waiter, node); // no lock held
-        table.lines.notified(key, waiter.srvType, ret);
+        for (; i < end; ++i) { // no lock held
+            const L2ResWaiter &waiter = list->entry[i];
+            ret = Notify(table, waiter, node);
+            if (LogIsAttached()) {
+                table.lines.notified(key, waiter.srvType, ret);
+            }
+        }
         ZIR_MutexLock(table.waitMutex);
     }
     list->claimed = 0;
     (void)(table.releaseEmptiesList ? EmptyNode(table, list, key)
-                                    : DropLatest(list, key, *table.waitHash));
+                                    : DropLatest(table, list, key, *table.waitHash));
     ZIR_MutexUnlock(table.waitMutex);
     return ret;
 }
@@ -308,7 +357,7 @@ u32 RemoveLatestWaiter(const CommonTable &table, const void *key, HASH_Handle ha
     ZIR_MutexLock(table.waitMutex);
     void *node = FindNode(table, key);
     if (node != nullptr && ListOf(table, node)->claimed == 0) {
-        ret = DropLatest(ListOf(table, node), key, hash);
+        ret = DropLatest(table, ListOf(table, node), key, hash);
     }
     ZIR_MutexUnlock(table.waitMutex);
     return ret;
@@ -324,7 +373,8 @@ void WalkNode(const CommonTable &table, void *node) QOR_REQUIRES(*table.waitMute
     }
     // The mutex stays held: the element the walk stands on must not go away under a callback.
     for (u16 i = 0; i < list->reOpNum; ++i) {
-        const L2ResWaiter waiter = Claim(list, i);
+        Claim(list, i, static_cast<u16>(i + 1));
+        const L2ResWaiter &waiter = list->entry[i];
         const u32 ret = Notify(table, waiter, node);
         QorL2ResDbgWriteLog(L2RES_LOG_ERROR, table.lines.category,
                             "Notify Available, srvType:%d ,ret:%u.", waiter.srvType, ret);

@@ -70,7 +70,7 @@ void QorL2ResDbgWriteLog(u32 level, u32 category, const char *format, ...)
     (void)category;
     const LevelRow &row = RowOf(level);
     // Without a service nobody would see the text: spare the formatting.
-    if (!row.written || (DebugLog() == nullptr && BlackBox() == nullptr)) {
+    if (!row.written || !LogIsAttached()) {
         return;
     }
 

@@ -8,6 +8,7 @@
 #ifndef FRAME_DBG_LOG_H
 #define FRAME_DBG_LOG_H
 
+#include "frame/service_tables.h"
 #include "qor_types.h"
 
 QOR_BEGIN_C
@@ -51,5 +52,12 @@ QOR_API u32 QorL2resRegBlackBoxModule(const char *name, const char *description,
 QOR_API void QorL2resVtblPrintBlackBox(u32 id, u32 blackBoxLevel, const char *text);
 
 QOR_END_C
+
+/* Would any message be seen? Asked once by code that is about to write several lines. */
+inline bool LogIsAttached()
+{
+    return g_qorL2resFuncVtbl[L2RES_VTBL_DEBUG_LOG] != nullptr ||
+           g_qorL2resFuncVtbl[L2RES_VTBL_BLACK_BOX] != nullptr;
+}
 
 #endif

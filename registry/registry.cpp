@@ -112,10 +112,14 @@ L2ResHook QorL2ResGetHook(u32 hookType)
 
 u32 QorL2ResNotifyWaitingProc(u32 tableId, u32 serviceType, u32 event, void *record, void *data)
 {
+    if (!IsCell(tableId, serviceType)) {
+        return kNotRegistered;
+    }
+    L2ResRegistration &cell = g_qorl2resRegTbl[tableId][serviceType];
     // Flag before callback: a registration in between is then seen as none, not as one without a
     // callback.
-    const u32 registered = QOR_L2RES_IsRegister(tableId, serviceType);
-    const L2ResNotifyCallback callback = QOR_L2RES_GetRegFunc(tableId, serviceType);
+    const u32 registered = std::atomic_ref(cell.registered).load(std::memory_order_acquire);
+    const auto callback = std::atomic_ref(cell.callback).load(std::memory_order_acquire);
     if (callback != nullptr) {
         return callback(event, record, data);
     }
