@@ -13,7 +13,7 @@
 namespace {
 
 constexpr u32 kType = L2RES_ALARM_LEM;
-constexpr int kRounds = 2000;
+constexpr int kRounds = 1000;
 
 std::atomic<unsigned> g_calls{0};
 
