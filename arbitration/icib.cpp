@@ -20,9 +20,10 @@ u32 QorL2ResIcibCompFunc(const void *a, const void *b)
     }
     const auto &x = *static_cast<const L2ResIcibKey *>(a);
     const auto &y = *static_cast<const L2ResIcibKey *>(b);
-    return x.keyType == y.keyType && x.GlobalPort == y.GlobalPort && x.Vsi == y.Vsi &&
-                   x.keyAttr1 == y.keyAttr1 && x.OutVlan == y.OutVlan && x.keyAttr2 == y.keyAttr2 &&
-                   x.InnerVlan == y.InnerVlan && x.keyAttr3 == y.keyAttr3 && x.Pri == y.Pri &&
+    // First what mostly differs between the entries of one outer VLAN, that is of one bucket.
+    return x.InnerVlan == y.InnerVlan && x.Vsi == y.Vsi && x.GlobalPort == y.GlobalPort &&
+                   x.Pri == y.Pri && x.keyType == y.keyType && x.keyAttr1 == y.keyAttr1 &&
+                   x.OutVlan == y.OutVlan && x.keyAttr2 == y.keyAttr2 && x.keyAttr3 == y.keyAttr3 &&
                    x.Vdc == y.Vdc
                ? 1
                : 0;
