@@ -11,7 +11,7 @@ const std::vector<Function> &allFunctions()
     static const auto *const all = [] {
         auto *rows = new std::vector<Function>;
         for (const auto &part : {tokenFunctions(), engineFunctions(), vlanFunctions(),
-                                 hostFunctions(), clientFunctions()}) {
+                                 hostFunctions(), clientFunctions(), showFunctions()}) {
             rows->insert(rows->end(), part.begin(), part.end());
         }
         return rows;

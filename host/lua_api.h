@@ -19,6 +19,7 @@ std::vector<Function> engineFunctions(); // engine, alarm
 std::vector<Function> vlanFunctions();   // vlan, engine
 std::vector<Function> hostFunctions();   // host, expect, print
 std::vector<Function> clientFunctions(); // host.load
+std::vector<Function> showFunctions();   // show
 
 const std::vector<Function> &allFunctions();
 

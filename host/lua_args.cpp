@@ -313,7 +313,7 @@ int Values::stackIndex(std::string_view name) const
 
 /* ---- results ---- */
 
-static void pushUnsigned(lua_State *L, u64 value)
+void pushUnsigned(lua_State *L, u64 value)
 {
     if (value <= static_cast<u64>(std::numeric_limits<lua_Integer>::max())) {
         lua_pushinteger(L, static_cast<lua_Integer>(value));

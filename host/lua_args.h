@@ -155,6 +155,9 @@ struct Function {
     std::string fullName() const;
 };
 
+/* An integer, or a text beyond Lua's integers. */
+void pushUnsigned(lua_State *L, u64 value);
+
 /* Sets a field of the table on top of the stack, without metamethods. */
 void setField(lua_State *L, const char *name, u64 value);
 void setField(lua_State *L, const char *name, std::string_view value);
