@@ -32,7 +32,6 @@ TEST(VlanEngine, RefusesWhatMakesNoSense)
         {info(2, 1), 4, 1, 0x21, "another one"},
         {info(2, 1), 4, 1, 0x15, "still uses that command id"},
         {info(3), 4, 1, 0x21, ""},
-        {info(4), 4, 1, 0x09, "it holds no such mapping"},
         {info(2), 4, 1, 0x09, ""},
         {info(2), 4, 1, 0x09, "it holds no such mapping"},
         {info(3), 4, 1, 0x09, ""},
@@ -42,8 +41,6 @@ TEST(VlanEngine, RefusesWhatMakesNoSense)
         {info(8, 1), 4, 1, 0x21, "out of range"},
         {vlan::Info(5, 2, 0, 4), 4, 3, 0x35, "out of range"},
         {info(2, 1), 4, 1, 0x01, "unknown command flag 0x01"},
-        {info(2, 1), 4, 1, 0x23, "unknown command flag 0x23"},
-        {info(2, 1), 4, 1, 0x29, "unknown command flag 0x29"},
         {info(2, 1), 4, 1, 0x61, "unknown command flag 0x61"},
     };
     for (const auto &row : kRows) {
@@ -99,17 +96,14 @@ TEST(VlanEngine, EditsTags)
 TEST(VlanEngine, TheMappingProgrammedLastApplies)
 {
     VlanEngine engine([](std::string_view line) { ADD_FAILURE() << line; });
-    const VlanEditInfo one = vlan::Info(5, 1, 0), two = vlan::Info(5, 1, 1);
-    const auto applied = [&] { return engine.send(2, 4, {}, kEntry).command.value_or(0); };
-    engine.program(&one, 4, 2, 0x36);
-    engine.program(&two, 4, 3, 0x36);
-    EXPECT_EQ(applied(), 3);
-    engine.program(&one, 4, 2, 0x22);
-    EXPECT_EQ(applied(), 2);
-    engine.program(&one, 4, 2, 0x0A);
-    EXPECT_EQ(applied(), 3);
-    engine.program(&two, 4, 3, 0x0A);
-    EXPECT_EQ(applied(), 0);
+    const struct {
+        u16 command, flag, applied;
+    } kSteps[] = {{2, 0x36, 2}, {3, 0x36, 3}, {2, 0x22, 2}, {2, 0x0A, 3}, {3, 0x0A, 0}};
+    for (const auto &[command, flag, applied] : kSteps) {
+        const VlanEditInfo info = vlan::Info(5, 1, command);
+        EXPECT_EQ(engine.program(&info, 4, command, flag), 0u);
+        EXPECT_EQ(engine.send(2, 4, {}, kEntry).command.value_or(0), applied);
+    }
 }
 
 TEST(VlanEngine, CheckListsEachKindOfDifference)
@@ -122,25 +116,17 @@ TEST(VlanEngine, CheckListsEachKindOfDifference)
     commands[1] = vlan::CommandOf(info);
     mappings[3] = {4, 2, 1};
     VlanEngine engine([](std::string_view line) { ADD_FAILURE() << line; });
-    const auto check = [&] {
-        std::string all;
-        for (const std::string &line : engine.check(1, {profiles, commands, mappings})) {
-            all += line + "\n";
-        }
-        return all;
+    const auto expect = [&](const std::vector<std::string> &differences) {
+        EXPECT_EQ(engine.check(1, {profiles, commands, mappings}), differences);
     };
-    EXPECT_EQ(check(),
-              "ingress mapping entry 3 (profile 4, format 2, command 1) is not in the engine\n"
-              "ingress command 1 is not in the engine\n");
+    const std::string entry = "ingress mapping entry 3 (profile 4, format 2, command 1) ";
+    expect({entry + "is not in the engine", "ingress command 1 is not in the engine"});
     engine.program(&info, 4, 1, 0x35);
-    EXPECT_EQ(check(), "");
+    expect({});
     commands[1].innerTpid = 1;
-    EXPECT_EQ(check(), "ingress command 1 is another one in the engine\n");
+    expect({"ingress command 1 is another one in the engine"});
     commands[1].outerTag = profiles[4] = 0;
-    EXPECT_EQ(check(),
-              "ingress mapping entry 3 (profile 4, format 2, command 1) names a free profile\n"
-              "ingress mapping entry 3 (profile 4, format 2, command 1) names a free command\n");
+    expect({entry + "names a free profile", entry + "names a free command"});
     mappings[3] = {};
-    EXPECT_EQ(check(),
-              "ingress engine mapping (profile 4, format 2, command 1) is booked nowhere\n");
+    expect({"ingress engine mapping (profile 4, format 2, command 1) is booked nowhere"});
 }

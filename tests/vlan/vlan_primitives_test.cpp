@@ -7,48 +7,35 @@
 
 using namespace vlan;
 
-TEST(VlanPrimitives, ProfileSelection)
+TEST(VlanPrimitives, ProfilesRunOutAndTheLowestFreeOneIsTakenNext)
 {
     const struct {
         decltype(&QorL2ResGetIveProfileId) select;
-        u16 service, outerTpid, id;
-        u32 mark;
-    } kRows[] = {
-        {QorL2ResGetIveProfileId, 2, 1, 0, 2}, {QorL2ResGetIveProfileId, 2, 0, 1, 3},
-        {QorL2ResGetIveProfileId, 2, 3, 1, 3}, {QorL2ResGetIveProfileId, 7, 1, 4, 7},
-        {QorL2ResGetIveProfileId, 3, 1, 5, 3}, {QorL2ResGetIveProfileId, 7, 0, 4, 7},
-        {QorL2ResGetEveProfileId, 2, 1, 0, 2}, {QorL2ResGetEveProfileId, 2, 2, 1, 3},
-        {QorL2ResGetEveProfileId, 7, 1, 2, 2}, {QorL2ResGetEveProfileId, 7, 0, 3, 3},
-        {QorL2ResGetEveProfileId, 9, 1, 4, 9}, {QorL2ResGetEveProfileId, 0xFFFF, 0, 5, 0xFFFF}};
-    for (const auto &row : kRows) {
-        const bool egress = row.select == QorL2ResGetEveProfileId;
-        for (int repeat = 0; repeat < 2; ++repeat) {
-            u16 id = 777;
-            row.select(row.service, row.outerTpid, &id);
-            EXPECT_EQ(id, row.id) << row.service << "." << row.outerTpid;
-            EXPECT_EQ(TablesOf(egress ? 2 : 1).profiles[id], row.mark);
+        decltype(&QorL2ResFreeGetIveProfileId) find;
+    } kDirections[] = {{QorL2ResGetIveProfileId, QorL2ResFreeGetIveProfileId},
+                       {QorL2ResGetEveProfileId, QorL2ResFreeGetEveProfileId}};
+    for (const auto &[select, find] : kDirections) {
+        u16 id = 777;
+        EXPECT_EQ(find(1030, &id), 0u);
+        EXPECT_EQ(id, 777) << "written although nothing was found";
+        for (u16 i = 0; i < 60; ++i) {
+            select(static_cast<u16>(1000 + i), 0, &id);
+            ASSERT_EQ(id, 4 + i);
         }
+        const auto full = Image();
+        select(2000, 0, &id);
+        EXPECT_EQ(id, 64);
+        select(1059, 0, &id);
+        EXPECT_EQ(id, 63);
+        EXPECT_EQ(Image(), full);
+        EXPECT_EQ(find(1030, &id), 1u);
+        EXPECT_EQ(id, 34);
+        select(2, 3, &id);
+        EXPECT_EQ(id, 1) << "its own, however full the rest";
+        EXPECT_EQ(find(3, &id), 1u);
+        EXPECT_EQ(id, 1);
     }
-}
-
-TEST(VlanPrimitives, ProfilesRunOutAndTheLowestFreeOneIsTakenNext)
-{
     u16 id = 777;
-    for (u16 i = 0; i < 60; ++i) {
-        QorL2ResGetIveProfileId(static_cast<u16>(1000 + i), 0, &id);
-        ASSERT_EQ(id, 4 + i);
-    }
-    const std::string full = Image();
-    QorL2ResGetIveProfileId(2000, 0, &id);
-    EXPECT_EQ(id, 64);
-    QorL2ResGetIveProfileId(1059, 0, &id);
-    EXPECT_EQ(id, 63);
-    EXPECT_EQ(Image(), full);
-
-    EXPECT_EQ(QorL2ResFreeGetIveProfileId(1030, &id), 1u);
-    EXPECT_EQ(id, 34);
-    EXPECT_EQ(QorL2ResFreeGetEveProfileId(1030, &id), 0u);
-    EXPECT_EQ(id, 34) << "written although nothing was found";
     g_iveEditProfileItem[50] = g_iveEditProfileItem[20] = 0;
     QorL2ResGetIveProfileId(2000, 0, &id);
     EXPECT_EQ(id, 20);
@@ -63,7 +50,7 @@ TEST(VlanPrimitives, CommandsAreFoundByAllTheirBytesAndRunOut)
     } kDirections[] = {{QorL2ResCmpIveCommandInfo, QorL2ResGetIveCommandId, 1},
                        {QorL2ResCmpEveCommandInfo, QorL2ResGetEveCommandId, 2}};
     for (const auto &[store, find, first] : kDirections) {
-        VlanEditCommand command = CommandOf(Info(1, 1));
+        const VlanEditCommand command = CommandOf(Info(1, 1));
         u16 id = 777;
         faults::Fail(faults::Op::memcpy_s);
         EXPECT_EQ(store(&command, &id), 0u);
@@ -73,24 +60,19 @@ TEST(VlanPrimitives, CommandsAreFoundByAllTheirBytesAndRunOut)
         EXPECT_EQ(Story(), journal::Lines{"5 [CmpCommandInfo]memcpy fail"});
         journal::Clear();
 
-        /* Each of the eight fields tells commands apart; then all sorts until none is left. */
-        for (u16 next = first; next < 128; ++next) {
-            command = CommandOf(Info(1, 1, next));
-            if (next < first + 8) {
-                command = CommandOf(Info(1, 1));
-                reinterpret_cast<u32 *>(&command)[next - first] = 77;
-            }
-            EXPECT_EQ(store(&command, &id), 0u);
+        /* Each of the eight fields tells commands apart; then any until no id is left. */
+        EXPECT_EQ(store(&command, &id), 0u);
+        for (u16 next = first + 1; next <= 128; ++next) {
+            VlanEditCommand other = command;
+            reinterpret_cast<u32 *>(&other)[next % 8] += next;
+            EXPECT_NE(find(&other, &id), 0u);
+            EXPECT_EQ(store(&other, &id), 0u);
             EXPECT_EQ(id, next);
-            EXPECT_EQ(store(&command, &id), 1u);
+            EXPECT_EQ(store(&other, &id), next < 128 ? 1u : 0u);
             EXPECT_EQ(id, next);
         }
-        const VlanEditCommand last = command;
-        command = CommandOf(Info(1, 1, 200));
-        EXPECT_EQ(store(&command, &id), 0u);
-        EXPECT_EQ(id, 128);
-        EXPECT_EQ(find(&last, &id), 0u);
-        EXPECT_EQ(id, 127);
+        EXPECT_EQ(find(&command, &id), 0u);
+        EXPECT_EQ(id, first);
     }
 }
 
@@ -119,7 +101,7 @@ TEST(VlanPrimitives, SharingTestAndClearing)
         const VlanEditMapping key = {6, 3, 3};
         tables.profiles[6] = 5;
         tables.commands[3] = CommandOf(Info(5, 3));
-        std::string image = Image();
+        const auto image = Image();
         QorL2ReleaseVlanEditRes(flag, 128, &key, 1, 1);
         EXPECT_EQ(Image(), image);
         QorL2ReleaseVlanEditRes(flag, 128, &key, 0, 1);
@@ -142,7 +124,6 @@ TEST(VlanPrimitives, IngressMappingsOverflowIntoEntryZero)
         EXPECT_EQ(QorL2ResCmpIveCommandMapping(1, 4, command), 1u);
         EXPECT_EQ(g_iveEditCommandItem[command].commandId, command);
     }
-    EXPECT_EQ(g_iveEditCommandItem[0].tagFormat, 0u);
     for (u32 format : {2u, 2u, 3u}) {
         EXPECT_EQ(QorL2ResCmpIveCommandMapping(format, 4, 5), 0u) << "entry 0 is not searched";
         EXPECT_EQ(g_iveEditCommandItem[0].tagFormat, format);

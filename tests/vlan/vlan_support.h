@@ -2,7 +2,9 @@
 #ifndef TESTS_VLAN_VLAN_SUPPORT_H
 #define TESTS_VLAN_VLAN_SUPPORT_H
 
+#include <algorithm>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -37,17 +39,16 @@ inline void ClearTables()
 }
 
 /* All six tables, to compare. */
-inline std::string Image()
+inline std::vector<u32> Image()
 {
-    std::string image;
+    std::vector<u32> image;
     for (u32 direction : {1u, 2u}) {
-        const Tables tables = TablesOf(direction);
-        image.append(reinterpret_cast<char *>(tables.profiles), sizeof(g_iveEditProfileItem));
-        image.append(reinterpret_cast<char *>(tables.commands), sizeof(g_iveEditCommandInfo));
-        for (u32 i = 0; i < L2RES_VLAN_MAPPING_COUNT; ++i) {
-            const auto [profile, format, command] = tables.mappings[i];
-            image += std::to_string(profile) + "/" + std::to_string(format) + "/" +
-                     std::to_string(command) + " ";
+        const auto [profiles, commands, mappings] = TablesOf(direction);
+        image.insert(image.end(), profiles, profiles + 64);
+        image.insert(image.end(), &commands->outerTag, &commands[127].innerTpidAction + 1);
+        for (u32 i = 0; i < 128; ++i) {
+            image.insert(image.end(),
+                         {mappings[i].profileId, mappings[i].tagFormat, mappings[i].commandId});
         }
     }
     return image;
@@ -56,16 +57,8 @@ inline std::string Image()
 /* A valid request; edit 0..255 tells command blocks apart. outerTpid is 0 unless set. */
 inline VlanEditInfo Info(u32 service, u32 format, u32 edit = 0, u32 outerTpid = 0)
 {
-    return {service,
-            format,
-            1 + edit % 4,
-            1 + edit / 4 % 4,
-            1 + edit / 16 % 4,
-            1 + edit / 64 % 4,
-            outerTpid,
-            3,
-            2,
-            4};
+    const auto action = [edit](u32 digit) { return 1 + edit / digit % 4; };
+    return {service, format, action(1), action(4), action(16), action(64), outerTpid, 3, 2, 4};
 }
 
 inline VlanEditCommand CommandOf(const VlanEditInfo &info)
@@ -75,25 +68,39 @@ inline VlanEditCommand CommandOf(const VlanEditInfo &info)
     return command;
 }
 
+/* The blocks of a text: a line that begins with "==", and the lines up to the next such line. */
+inline std::vector<std::pair<std::string, journal::Lines>> BlocksOf(const char *text)
+{
+    std::vector<std::pair<std::string, journal::Lines>> blocks;
+    std::istringstream lines(text + 1);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("==")) {
+            blocks.push_back({line, {}});
+        } else {
+            blocks.at(blocks.size() - 1).second.push_back(line);
+        }
+    }
+    EXPECT_GT(blocks.size(), 1u);
+    return blocks;
+}
+
 /* Everything written since the last Clear: "5 text" at the module's level 5, 1 or 2, "hook ...".
    A message that the black box is missing, or gets without cause, is left as the journal has it. */
 inline journal::Lines Story()
 {
-    const auto lines = journal::Only(journal::kLog | journal::kBlackBox | journal::kHook);
+    auto lines = journal::Only(journal::kLog | journal::kBlackBox | journal::kHook);
+    lines.emplace_back();
     journal::Lines story;
-    for (size_t i = 0; i < lines.size(); ++i) {
-        const std::string text = lines[i].size() > 7 ? lines[i].substr(7) : "";
-        const std::string next = i + 1 < lines.size() ? lines[i + 1] : "";
-        if (lines[i].starts_with("log 4: ")) {
-            const bool event = next == "bbox 0: " + text;
-            story.push_back((event ? "1 " : "2 ") + text);
-            i += event;
-        } else if (lines[i].starts_with("log 2: ") && next == "bbox 1: " + text) {
-            story.push_back("5 " + text);
-            ++i;
-        } else {
-            story.push_back(lines[i]);
-        }
+    for (size_t i = 0; i + 1 < lines.size(); ++i) {
+        const std::string text = lines[i].substr(std::min<size_t>(lines[i].size(), 7));
+        const bool error = lines[i] == "log 2: " + text && lines[i + 1] == "bbox 1: " + text;
+        const bool event = lines[i] == "log 4: " + text && lines[i + 1] == "bbox 0: " + text;
+        const bool report = !event && lines[i].starts_with("log 4: ");
+        story.push_back(error    ? "5 " + text
+                        : event  ? "1 " + text
+                        : report ? "2 " + text
+                                 : lines[i]);
+        i += error || event;
     }
     return story;
 }
