@@ -1,11 +1,11 @@
-#include <condition_variable>
+#include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "platform_support.h"
 #include "zir_memory.h"
 
 namespace {
@@ -66,10 +66,11 @@ TEST(MemoryTest, RefusesWhatItDoesNotKnow)
     for (u64 size : {0ULL, (1ULL << 32) + 1, ~0ULL}) {
         EXPECT_EQ(ZIR_MemAlloc(handle, PARTITION, size), nullptr) << size;
     }
-    for (void *address : {static_cast<void *>(nullptr), static_cast<void *>(block + 8),
-                          static_cast<void *>(block + 16), static_cast<void *>(foreign + 16)}) {
+    memcpy(foreign, block - 16, 16);
+    for (unsigned char *address : {block + 8, block + 16, foreign + 16}) {
         EXPECT_EQ(ZIR_MemFree(handle, address), 1U);
     }
+    EXPECT_EQ(ZIR_MemFree(handle, nullptr), 1U);
     expectLive(PARTITION, 1, 100);
     EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
     EXPECT_EQ(ZIR_MemFree(handle, block), 1U) << "freed twice";
@@ -107,23 +108,16 @@ TEST(MemoryTest, LimitBoundsLiveBytes)
     EXPECT_EQ(ZIR_MemFree(handle, second), 0U);
 
     /* Four threads race for the last bytes; together they get what there is. */
-    std::mutex mutex;
-    std::vector<void *> taken;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            while (void *block = ZIR_MemAlloc(handle, PARTITION, 10)) {
-                const std::lock_guard lock(mutex);
-                taken.push_back(block);
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(taken.size(), 100U);
+    std::atomic<u32> count{0};
+    std::vector<void *> taken(101);
+    onThreads(4, [&](u32) {
+        while (void *block = ZIR_MemAlloc(handle, PARTITION, 10)) {
+            taken.at(count++) = block;
+        }
+    });
+    EXPECT_EQ(count, 100U);
     ZIR_PartitionSetLimit(PARTITION, 0);
-    taken.push_back(ZIR_MemAlloc(handle, PARTITION, 10));
+    taken[100] = ZIR_MemAlloc(handle, PARTITION, 10);
     for (void *block : taken) {
         EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
     }
@@ -135,48 +129,33 @@ TEST(MemoryTest, BlocksFreedByOtherThreadsAreCountedOnce)
     const u32 handle = newHandle();
     constexpr u32 BLOCKS = 5000;
     std::mutex mutex;
-    std::condition_variable changed;
     std::vector<u32 *> handedOver;
-    u32 producing = 2;
-    u32 wrong = 0;
-
-    std::vector<std::thread> threads;
-    for (u32 producer = 0; producer < 2; ++producer) {
-        threads.emplace_back([&, producer] {
-            for (u32 i = 0; i < BLOCKS; ++i) {
-                auto *block = static_cast<u32 *>(ZIR_MemAlloc(handle, PARTITION, 8 + i % 40 * 16));
-                block[0] = producer;
-                block[1] = ~producer;
+    /* Two threads allocate, two free: until each has done its share. */
+    onThreads(4, [&](u32 thread) {
+        for (u32 i = 0; i < BLOCKS;) {
+            u32 *block = nullptr;
+            if (thread % 2 == 0) {
+                block = static_cast<u32 *>(ZIR_MemAlloc(handle, PARTITION, 8 + i % 40 * 16));
+                block[0] = i++;
+                block[1] = ~block[0];
                 const std::lock_guard lock(mutex);
                 handedOver.push_back(block);
-                changed.notify_one();
+                continue;
             }
-            const std::lock_guard lock(mutex);
-            --producing;
-            changed.notify_all();
-        });
-    }
-    for (u32 consumer = 0; consumer < 2; ++consumer) {
-        threads.emplace_back([&] {
-            std::unique_lock lock(mutex);
-            for (;;) {
-                changed.wait(lock, [&] { return !handedOver.empty() || producing == 0; });
-                if (handedOver.empty()) {
-                    return;
+            {
+                const std::lock_guard lock(mutex);
+                if (!handedOver.empty()) {
+                    block = handedOver.back();
+                    handedOver.pop_back();
                 }
-                u32 *block = handedOver.back();
-                handedOver.pop_back();
-                lock.unlock();
-                const bool isWrong = block[1] != ~block[0] || ZIR_MemFree(handle, block) != 0;
-                lock.lock();
-                wrong += isWrong ? 1 : 0;
             }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(wrong, 0U);
+            if (block != nullptr) {
+                EXPECT_EQ(block[1], ~block[0]);
+                EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
+                ++i;
+            }
+        }
+    });
     expectLive(PARTITION, 0, 0);
 }
 
