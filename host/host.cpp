@@ -20,8 +20,20 @@ void Host::start(const Options &options)
     // The timers of phase 2 run at the speed that is set when they are started.
     clock.setSpeed(options.speed);
     ZIR_TimerSetSpeed(options.speed);
+    if (!options.record.empty()) {
+        recorder.start(options.record, {{"script", textOf(options.script)},
+                                        {"speed", options.speed},
+                                        {"slot", options.services.slot},
+                                        {"partition", options.services.partition}});
+    }
+    if (!options.metrics.empty()) {
+        journal.attach(metrics, {Kind::call, Kind::notify, Kind::result, Kind::log});
+    }
     services.start(options.services);
     module.start(options.module);
+    if (!options.metrics.empty()) {
+        metrics.start(options.metrics);
+    }
     inspector.attach(module, services.partition());
     leftovers.remember(module, inspector);
     engine.setVlanTranslation(

@@ -16,9 +16,11 @@
 #include "leftovers.h"
 #include "log_capture.h"
 #include "log_history.h"
+#include "metrics.h"
 #include "module.h"
 #include "notifications.h"
 #include "printer.h"
+#include "recorder.h"
 #include "scenario.h"
 #include "services.h"
 #include "vlan_engine.h"
@@ -33,6 +35,8 @@ struct Options {
     bool trace = false;       // print hooks, services and log lines, too
     bool json = false;        // show functions print JSON, events go to standard error
     bool interactive = false; // a prompt, after the script if there is one
+    std::string record{}, replay{}, metrics{}; // files, "" for none
+    bool partial = false;                      // the record to replay may end anywhere
 };
 
 struct Host {
@@ -44,7 +48,9 @@ struct Host {
     VlanEngine vlanEngine{[this](std::string_view line) { journal.write(Kind::text, line, {}); }};
     LogCapture logCapture;
     LogHistory logHistory;
+    Recorder recorder{clock};
     Module module{journal};
+    Metrics metrics{module, services};
     Inspector inspector;
     Ledger ledger{journal, inspector};
     Leftovers leftovers;

@@ -15,6 +15,7 @@
 #include "comp_registry.h"
 #include "host.h"
 #include "lua_api.h"
+#include "replayer.h"
 
 using namespace host;
 
@@ -47,6 +48,10 @@ static void addOptions(CLI::App &app, Options &options)
     app.add_option("--black-box", options.services.blackBox, "Append events and errors here")
         ->take_last();
     app.add_flag("--trace", options.trace, "Print hooks, service operations and log lines, too");
+    app.add_option("--record", options.record, "Record all that passes between host and module")
+        ->take_last();
+    app.add_option("--metrics", options.metrics, "Keep a Prometheus text file of counters")
+        ->take_last();
 }
 
 /* A scenario's first line may hold the options it needs: "-- options: --speed 200". */
@@ -76,7 +81,7 @@ static void parseWords(CLI::App &app, std::vector<std::string> words)
 static std::string defaultModule()
 {
     Dl_info platform{};
-    dladdr(reinterpret_cast<const void *>(&COMP_GetVTable), &platform);
+    dladdr(reinterpret_cast<const void *>(&COMP_RegisterComponentInfo), &platform);
     const auto library = std::filesystem::canonical(platform.dli_fname);
     return (library.parent_path() / "libqor_l2rsm.so").string();
 }
@@ -94,13 +99,20 @@ static Options parseOptions(int argc, char **argv)
                 throw CLI::Success();
             },
             "Print the reference of the scenarios' functions");
-        app.add_option("SCENARIO", options.script, "Lua script to play")->required();
+        app.add_option("SCENARIO", options.script, "Lua script to play");
+        app.add_option("--replay", options.replay, "Play a record instead, and compare")
+            ->excludes("SCENARIO");
+        app.add_flag("--partial", options.partial, "The record to replay was cut off")
+            ->needs("--replay");
         addOptions(app, options);
         try {
             app.parse(argc, argv);
         } catch (const CLI::CallForHelp &) {
             std::cout << app.help();
             throw CLI::Success();
+        }
+        if (options.script.empty() && options.replay.empty()) {
+            throw CLI::RequiredError("SCENARIO");
         }
     };
     // The command line comes first to find the script, and last to have the last word.
@@ -162,9 +174,13 @@ static int play(Host &device, const Options &options)
     // The last word is the verdict's, whatever the worker is at.
     device.journal.stop();
     int status = ended.empty() ? 0 : complain(ended);
-    const std::string failure = device.services.failure();
-    if (!failure.empty()) {
-        status = complain("l2rsm-host: " + failure);
+    device.recorder.finish();
+    device.metrics.finish();
+    for (const std::string &failure :
+         {device.services.failure(), device.recorder.failure(), device.metrics.failure()}) {
+        if (!failure.empty()) {
+            status = complain("l2rsm-host: " + failure);
+        }
     }
     if (status == 0) {
         std::printf("scenario passed: %llu expectations\n", device.scenario.expectations());
@@ -173,6 +189,15 @@ static int play(Host &device, const Options &options)
         status = complain(std::string("l2rsm-host: standard output: ") + std::strerror(errno));
     }
     return status;
+}
+
+static int replayRecord(const Options &options)
+{
+    try {
+        return replay({options.replay, options.module, options.partial});
+    } catch (const std::exception &error) {
+        return complain(std::string("l2rsm-host: ") + error.what());
+    }
 }
 
 int main(int argc, char **argv)
@@ -185,6 +210,9 @@ int main(int argc, char **argv)
         return 0;
     } catch (const CLI::ParseError &error) {
         return complain(std::string("l2rsm-host: ") + error.what());
+    }
+    if (!options.replay.empty()) {
+        return replayRecord(options);
     }
     // Never deleted: the module's worker calls it until the process is gone.
     static Host *const device = new Host;

@@ -7,6 +7,7 @@
 #include <span>
 #include <stdexcept>
 
+#include "boundary.h"
 #include "comp_registry.h"
 #include "engine.h"
 #include "ledger.h"
@@ -50,6 +51,7 @@ void Module::start(const std::string &path)
     if (handle_ == nullptr) {
         throw std::runtime_error(std::string("cannot load the module: ") + dlerror());
     }
+    boundary::setModule(handle_);
     const auto init = reinterpret_cast<decltype(&QorL2ResInit)>(symbol("QorL2ResInit"));
     for (u32 phase : {L2RES_PHASE_INIT, L2RES_PHASE_START, L2RES_PHASE_PATCH}) {
         const std::array<Field, 1> fields = {{{"phase", phase}}};
@@ -73,7 +75,8 @@ void *Module::symbol(const char *name) const
     if (address == nullptr) {
         throw std::runtime_error(path_ + " has no " + name);
     }
-    return address;
+    void *recorded = boundary::replacement(name);
+    return recorded != nullptr ? recorded : address;
 }
 
 /* ---- calls ---- */
