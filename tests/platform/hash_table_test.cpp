@@ -76,7 +76,7 @@ void deleteAndExpectNothingLeft(HASH_Handle table)
 
 using Model = std::map<std::pair<u64, u32>, Node *>;
 
-void expectSame(HASH_Handle table, const Model &model, u64 buffers)
+HASH_Stat expectSame(HASH_Handle table, const Model &model, u64 buffers)
 {
     HASH_Stat stat;
     HASH_GetStat(table, &stat);
@@ -85,7 +85,6 @@ void expectSame(HASH_Handle table, const Model &model, u64 buffers)
     EXPECT_EQ(stat.bytes, memory.liveBytes);
     EXPECT_EQ(stat.nodes, model.size());
     EXPECT_EQ(stat.buffers, buffers);
-
     std::set<Node *> met;
     for (HASH_Element *e = HASH_GetFirstNode(table); e != nullptr; e = HASH_GetNextNode(table)) {
         EXPECT_TRUE(met.insert(static_cast<Node *>(e->node)).second) << "met twice";
@@ -95,13 +94,18 @@ void expectSame(HASH_Handle table, const Model &model, u64 buffers)
         EXPECT_EQ(met.count(node), 1U);
         EXPECT_EQ(node->value, key.first * 1000 + key.second);
     }
+    return stat;
 }
 
-/* Few heads, so that tags collide; one bucket, few and many. */
+/*
+ * Few heads, so that tags collide; one bucket, few and many. Half of the time the partition has a
+ * limit: wherever it strikes, the table stays whole and the buffer its taker's.
+ */
 TEST(HashTableTest, BehavesAsAMap)
 {
     std::mt19937 generator(20240517);
     const auto pick = [&](u32 count) { return static_cast<u32>(generator() % count); };
+    u32 nodesRefused = 0, entriesRefused = 0;
     for (const auto &[buckets, option, tails] : {std::tuple{1U, 0U, 40U},
                                                  {1U, u32{HASH_ANY_KEY}, 40U},
                                                  {7U, 0U, 300U},
@@ -115,38 +119,44 @@ TEST(HashTableTest, BehavesAsAMap)
             const Key key = {head, tail, pick(3)};
             const auto known = model.find({head, tail});
             /* Phases of growth and of decline. */
-            const bool grows = step / 2000 % 2 == 0;
-            switch (pick(grows ? 4 : 7)) {
-            case 0:
+            const u32 action = pick(step / 2000 % 2 == 0 ? 4 : 7);
+            if (action == 0) {
                 ASSERT_EQ(HASH_FindElmtFromFirst(table, &key),
                           known != model.end() ? known->second : nullptr);
-                break;
-            case 1:
-                buffers.push_back(newNode(table, head, tail));
-                break;
-            case 2:
-            case 3:
-                if (known == model.end()) {
-                    model[{head, tail}] = add(table, head, tail, head * 1000 + tail);
-                }
-                break;
-            default:
+            } else if (action > 3) {
                 ASSERT_EQ(HASH_RemoveElmtByKey(table, &key), known != model.end() ? 0U : 1U);
                 if (known != model.end()) {
                     model.erase(known);
                 }
+            } else if (Node *node = newNode(table, head, tail, head * 1000 + tail)) {
+                const bool adds = action > 1 && known == model.end();
+                if (adds && HASH_AddNode(table, node, node, 0) == 0) {
+                    model[{head, tail}] = node;
+                } else {
+                    buffers.push_back(node);
+                    entriesRefused += adds;
+                }
+            } else {
+                ++nodesRefused;
             }
             if (buffers.size() > 20) {
+                buffers[step % 20]->value = 1; /* still a buffer, still writable */
                 HASH_FreeData(table, buffers[step % 20]);
                 buffers.erase(buffers.begin() + step % 20);
             }
-            if (step % 500 == 0) {
-                expectSame(table, model, buffers.size());
+            if (step % 250 == 0) {
+                const HASH_Stat stat = expectSame(table, model, buffers.size());
+                ZIR_PartitionSetLimit(PARTITION, pick(2) != 0 ? stat.bytes + pick(0x1000) : 0);
             }
         }
         expectSame(table, model, buffers.size());
+        ZIR_PartitionSetLimit(PARTITION, 0);
         deleteAndExpectNothingLeft(table);
     }
+    EXPECT_GT(nodesRefused, 20U);
+    EXPECT_GT(entriesRefused, 20U);
+    ZIR_PartitionSetLimit(PARTITION, 0x40);
+    EXPECT_EQ(HASH_CreateNew(PARTITION, sizeof(Node), 4, hashKey, compareKeys, 0), nullptr);
 }
 
 /*
@@ -235,36 +245,6 @@ TEST(HashTableTest, RefusesBadArguments)
     EXPECT_EQ(HASH_AddNode(table, node, node, 0), 1U);
     EXPECT_EQ(HASH_FindElmtFromFirst(table, node), nullptr);
     EXPECT_EQ(HASH_RemoveElmtByKey(table, node), 1U);
-    deleteAndExpectNothingLeft(table);
-}
-
-/* Wherever the partition's limit strikes, the table stays whole and the buffer its taker's. */
-TEST(HashTableTest, SurvivesLackOfMemory)
-{
-    for (u64 limit = 0x100; limit < 0x3000; limit += 0x90) {
-        ZIR_PartitionSetLimit(PARTITION, limit);
-        g_buckets = 4;
-        HASH_Handle table = HASH_CreateNew(PARTITION, sizeof(Node), 4, hashKey, compareKeys, 0);
-        Model model;
-        u64 kept = 0;
-        Node *node = nullptr;
-        for (u32 i = 0; i < 400 && (node = newNode(table, i % 3, i, i % 3 * 1000 + i)); ++i) {
-            if (HASH_AddNode(table, node, node, 0) == 0) {
-                model[{i % 3, i}] = node;
-            } else if (kept < 3) {
-                ++kept; /* still a buffer, still writable */
-                node->value = 1;
-            } else {
-                HASH_FreeData(table, node);
-            }
-        }
-        if (table != nullptr) {
-            expectSame(table, model, kept);
-        }
-        ZIR_PartitionSetLimit(PARTITION, 0);
-        HASH_DeleteHash(&table);
-    }
-    HASH_Handle table = create(1);
     deleteAndExpectNothingLeft(table);
 }
 

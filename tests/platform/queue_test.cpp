@@ -156,28 +156,25 @@ struct Handler {
 TEST(DispatcherTest, HandsOutBoundedBatches)
 {
     Handler busy(500);
-    Handler quiet(5);
     Handler failing(5);
     Handler echoing(5);
     failing.failAt = 2;
     echoing.echoBelow = 10;
     Epoll epoll;
-    for (Handler *handler : {&busy, &quiet, &failing, &echoing}) {
+    for (Handler *handler : {&busy, &failing, &echoing}) {
         ASSERT_EQ(epoll.attach(&handler->context), 0U);
     }
     for (u64 i = 0; i < 200; ++i) {
         ASSERT_EQ(put(busy.context.queue, i), 0U);
         ASSERT_TRUE(i >= 4 || put(failing.context.queue, i) == 0);
     }
-    ASSERT_EQ(put(quiet.context.queue, 7), 0U);
     ASSERT_EQ(put(echoing.context.queue, 0), 0U);
 
     const u32 ready = epoll.ready();
-    ASSERT_EQ(ready, 4U);
+    ASSERT_EQ(ready, 3U);
     EXPECT_EQ(QOR_Epoll_EvtProc(epoll.events, ready), 0U);
     EXPECT_GT(busy.seen.size(), 1U);
     EXPECT_LT(busy.seen.size(), 200U);
-    EXPECT_EQ(quiet.seen, std::vector<u64>{7});
     EXPECT_EQ(failing.seen, (std::vector<u64>{0, 1, 2}));
     EXPECT_EQ(echoing.seen.size(), 11U);
     while (const u32 again = epoll.ready()) {
