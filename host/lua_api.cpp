@@ -1,5 +1,6 @@
 #include "lua_api.h"
 
+#include <algorithm>
 #include <limits>
 #include <ostream>
 
@@ -61,6 +62,48 @@ static std::string signature(const Function &function)
         text += (text.back() == '(' ? "" : ", ") + param.name;
     }
     return text + ")";
+}
+
+/* ---- help ---- */
+
+static void describe(std::ostream &out, const Function &function)
+{
+    out << signature(function) << "\n  " << function.help << "\n";
+    std::size_t names = 0, values = 0;
+    for (const Param &param : function.params) {
+        names = std::max(names, param.name.size());
+        values = std::max(values, std::min<std::size_t>(typeText(param).size(), 24));
+    }
+    const auto padded = [](std::string text, std::size_t width) {
+        text.resize(std::max(width, text.size()), ' ');
+        return text;
+    };
+    for (const Param &param : function.params) {
+        out << "  " << padded(param.name, names) << "  " << padded(typeText(param), values) << "  "
+            << (param.required ? "" : "[optional] ") << param.help << "\n";
+    }
+    if (*function.returns != '\0') {
+        out << "  returns " << function.returns << "\n";
+    }
+}
+
+void writeHelp(std::ostream &out, const std::string &name)
+{
+    bool found = false;
+    for (const Function &function : allFunctions()) {
+        if (function.fullName() == name) {
+            describe(out, function);
+            return;
+        }
+        if (name.empty() || name == function.topic) {
+            found = true;
+            const std::string help = function.help;
+            out << "  " << signature(function) << "  " << help.substr(0, help.find(". ")) << "\n";
+        }
+    }
+    if (!found) {
+        out << "no function or topic \"" << name << "\"; `help` lists them all\n";
+    }
 }
 
 void writeManual(std::ostream &out)

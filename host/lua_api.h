@@ -23,6 +23,9 @@ std::vector<Function> showFunctions();   // show
 
 const std::vector<Function> &allFunctions();
 
+/* For a reader at the prompt: one function ("icib.add"), those of a topic ("icib"), or all (""). */
+void writeHelp(std::ostream &out, const std::string &name);
+
 /* The reference part of docs/host.md, from the rows. */
 void writeManual(std::ostream &out);
 

@@ -167,6 +167,9 @@ void setTop(lua_State *L, const char *name); // field = the value on top, which 
 /* Makes rows callable in L. The rows must live as long as L. */
 void defineFunctions(lua_State *L, Host &host, const std::vector<Function> &functions);
 
+/* A value as a complaint or the prompt shows it: {1, a="x"}. */
+std::string showValue(lua_State *L, int index, int depth = 0);
+
 /* "script.lua:12: " of the innermost script line that is running, or "". */
 std::string where(lua_State *L);
 

@@ -150,49 +150,6 @@ static bool equal(lua_State *L, int a, int b, int depth)
     return contains(L, a, b, depth) && contains(L, b, a, depth);
 }
 
-static std::string show(lua_State *L, int index, int depth = 0)
-{
-    switch (lua_type(L, index)) {
-    case LUA_TNIL:
-        return "nil";
-    case LUA_TBOOLEAN:
-        return lua_toboolean(L, index) ? "true" : "false";
-    case LUA_TNUMBER: {
-        lua_pushvalue(L, index); // lua_tostring would change a key in place
-        const std::string text = lua_tostring(L, -1);
-        lua_pop(L, 1);
-        return text;
-    }
-    case LUA_TSTRING:
-        return quoted(lua_tostring(L, index));
-    case LUA_TTABLE:
-        break;
-    default:
-        return std::string("a ") + lua_typename(L, lua_type(L, index));
-    }
-    // In the order of the keys, so that a complaint reads the same every time.
-    std::vector<std::string> parts;
-    lua_pushnil(L);
-    while (lua_next(L, index) != 0) {
-        const int value = lua_gettop(L);
-        std::string part;
-        if (lua_type(L, value - 1) == LUA_TSTRING) {
-            part = std::string(lua_tostring(L, value - 1)) + "=";
-        }
-        part += depth < 3 && lua_checkstack(L, 8) ? show(L, value, depth + 1) : "...";
-        parts.push_back(std::move(part));
-        lua_pop(L, 1);
-    }
-    if (lua_rawlen(L, index) == 0) {
-        std::ranges::sort(parts);
-    }
-    std::string text;
-    for (const std::string &part : parts) {
-        text += (text.empty() ? "" : ", ") + part;
-    }
-    return "{" + text + "}";
-}
-
 static int expect(Call &call)
 {
     const int value = call.args.stackIndex("value");
@@ -200,7 +157,7 @@ static int expect(Call &call)
     const bool met = equal(call.L, value, wanted, 0);
     std::string complaint;
     if (!met) {
-        complaint = "expected " + show(call.L, wanted) + ", got " + show(call.L, value);
+        complaint = "expected " + showValue(call.L, wanted) + ", got " + showValue(call.L, value);
         if (call.args.has("what")) {
             complaint = std::string(call.args.text("what")) + ": " + complaint;
         }

@@ -15,6 +15,7 @@
 #include "comp_registry.h"
 #include "host.h"
 #include "lua_api.h"
+#include "prompt.h"
 #include "replayer.h"
 
 using namespace host;
@@ -48,6 +49,10 @@ static void addOptions(CLI::App &app, Options &options)
     app.add_option("--black-box", options.services.blackBox, "Append events and errors here")
         ->take_last();
     app.add_flag("--trace", options.trace, "Print hooks, service operations and log lines, too");
+    app.add_flag("--json", options.json,
+                 "The show functions print JSON; all else goes to standard error");
+    app.add_flag("-i,--interactive", options.interactive,
+                 "A prompt, after the scenario if there is one");
     app.add_option("--record", options.record, "Record all that passes between host and module")
         ->take_last();
     app.add_option("--metrics", options.metrics, "Keep a Prometheus text file of counters")
@@ -111,9 +116,6 @@ static Options parseOptions(int argc, char **argv)
             std::cout << app.help();
             throw CLI::Success();
         }
-        if (options.script.empty() && options.replay.empty()) {
-            throw CLI::RequiredError("SCENARIO");
-        }
     };
     // The command line comes first to find the script, and last to have the last word.
     Options options;
@@ -152,14 +154,36 @@ static int complain(const std::string &text)
     return 1;
 }
 
+/* Without a script standard input is the script, unless somebody sits there. */
+static bool wantsPrompt(const Options &options)
+{
+    return options.interactive || (options.script.empty() && isatty(STDIN_FILENO) != 0);
+}
+
+/* What the session left in the module; no fault of its own. */
+static void listLeftovers(Host &device)
+{
+    for (const std::string &line :
+         device.leftovers.list(device.module, device.inspector, device.ledger)) {
+        device.printer.writeEvent("left behind: " + line + "\n");
+    }
+}
+
 /* Starts the device and plays the script; what ended it, "" when it passed. */
 static std::string runScenario(Host &device, const Options &options)
 {
     try {
-        requireReadable(options.script);
+        if (!options.script.empty()) {
+            requireReadable(options.script);
+        }
         device.start(options);
         device.scenario.open();
-        device.scenario.play(options.script);
+        if (!options.script.empty() || !wantsPrompt(options)) {
+            device.scenario.play(options.script);
+        }
+        if (wantsPrompt(options)) {
+            Prompt(device).run();
+        }
         return "";
     } catch (const ScriptError &error) {
         return error.what();
@@ -173,6 +197,9 @@ static int play(Host &device, const Options &options)
     const std::string ended = runScenario(device, options);
     // The last word is the verdict's, whatever the worker is at.
     device.journal.stop();
+    if (device.scenario.state() != nullptr) {
+        listLeftovers(device);
+    }
     int status = ended.empty() ? 0 : complain(ended);
     device.recorder.finish();
     device.metrics.finish();
@@ -182,8 +209,10 @@ static int play(Host &device, const Options &options)
             status = complain("l2rsm-host: " + failure);
         }
     }
-    if (status == 0) {
-        std::printf("scenario passed: %llu expectations\n", device.scenario.expectations());
+    if (status == 0 && !wantsPrompt(options)) {
+        device.printer.writeEvent(
+            "scenario passed: " + std::to_string(device.scenario.expectations()) +
+            " expectations\n");
     }
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         status = complain(std::string("l2rsm-host: standard output: ") + std::strerror(errno));

@@ -153,7 +153,13 @@ void Printer::emit(std::FILE *stream, const std::string &text)
 
 void Printer::write(const std::string &lines)
 {
+    ++written_;
     emit(stdout, lines);
+}
+
+void Printer::writeEvent(const std::string &lines)
+{
+    emit(events_, lines);
 }
 
 void Printer::sendEventsToStandardError()

@@ -24,6 +24,12 @@ public:
 
     /* Lines as they are, without a time in front: tables, JSON. */
     void write(const std::string &lines);
+    /* The same, where the events go. */
+    void writeEvent(const std::string &lines);
+    u64 written() const // how often write() was called
+    {
+        return written_;
+    }
     /* Events go to standard error; what write() is given stays on standard output. */
     void sendEventsToStandardError();
 
@@ -67,6 +73,7 @@ private:
     std::atomic<int> open_ = 0; // calls in all stacks
 
     void emit(std::FILE *stream, const std::string &text);
+    std::atomic<u64> written_ = 0;
     std::mutex outputMutex_; // guards what follows
     std::FILE *events_ = stdout;
     bool holding_ = false;
