@@ -107,7 +107,9 @@ std::vector<Row> Rows(const Figures &f)
                    "ns",
                    f(group + "/module"),
                    {"std::mutex + unordered_map", f(group + "/std")},
-                   {{"GLib", f(group + "/glib")}, {"TBB", f(group + "/tbb")}},
+                   {{"GLib", f(group + "/glib")},
+                    {"TBB", f(group + "/tbb")},
+                    {"unordered_map, hash written for the key", f(group + "/stdown")}},
                    Bound::timesPeer,
                    1.0,
                    Quotient(f(group + "/glib"), f(group + "/std")).value_or(NAN)};
@@ -398,7 +400,7 @@ void PrintTable(const Figures &figures, const std::string &directory)
     }
     std::ofstream table(directory + "/table.md");
     PrintRows(rows, table, "| ", false);
-    WriteCurve(figures, directory, "find", {"module", "std", "glib", "tbb"});
+    WriteCurve(figures, directory, "find", {"module", "std", "glib", "tbb", "stdown"});
     WriteCurve(figures, directory, "bucket", {"module", "list"});
     WriteCurve(figures, directory, "inner", {"module", "list"});
     WriteCurve(figures, directory, "tokens",

@@ -67,6 +67,7 @@ void AddFindEverywhere(u32 entries)
 {
     AddFind<ModuleTable>("find", "module", Keys::spread, entries);
     AddFind<StdTable>("find", "std", Keys::spread, entries);
+    AddFind<StdTableOwnHash>("find", "stdown", Keys::spread, entries);
 #ifdef BENCH_GLIB
     AddFind<GlibTable>("find", "glib", Keys::spread, entries);
 #endif
