@@ -103,11 +103,7 @@ TEST(VlanDump, Lines)
         }
         EXPECT_TRUE(journal::Equal(Printed(), lines));
     }
-}
-
-TEST(VlanDump, WholeDumpOfNothing)
-{
-    services::StartWorkingModule();
+    ClearTables();
     QorL2ResPrintVlanEditRes();
     EXPECT_TRUE(
         journal::Equal(Printed(), {"[L2RSM]IveProfile: NULL", "[L2RSM]IveCmdMapping: all zero data",

@@ -124,10 +124,9 @@ struct Act {
     {
         char kind = 0;
         u32 service = 0, format = 0, edit = 0, outerTpid = 0;
-        EXPECT_GE(sscanf(text.c_str(), "%c%u %u/%u.%u.%u", &kind, &flag, &service, &format, &edit,
-                         &outerTpid),
-                  4)
-            << text;
+        sscanf(text.c_str(), "%c%u %u/%u.%u.%u", &kind, &flag, &service, &format, &edit,
+               &outerTpid);
+        EXPECT_NE(format, 0u) << text;
         assign = kind == 'a';
         info = Info(service, format, edit, outerTpid);
     }
@@ -142,6 +141,7 @@ struct Act {
 void SetUp(const std::string &step)
 {
     const u32 direction = step.back() == '2' ? 2 : 1;
+    const Tables tables = TablesOf(direction);
     if (step == "nohook") {
         EXPECT_EQ(QorL2ResHookRegister(3, nullptr), 0u);
     } else if (step == "hookfails") {
@@ -156,9 +156,9 @@ void SetUp(const std::string &step)
             SetUp("a1 5/" + std::to_string(1 + i % 7) + "." + std::to_string(i / 7));
         }
     } else if (step.starts_with("profiles")) {
-        std::fill_n(TablesOf(direction).profiles + 4, 60, 100);
+        std::fill_n(tables.profiles + 4, 60, 100);
     } else if (step.starts_with("commands")) {
-        memset(TablesOf(direction).commands + direction, 1, (128 - direction) * 32);
+        memset(tables.commands + direction, 1, (128 - direction) * 32);
     } else {
         u16 profileId;
         EXPECT_EQ(Act(step).Run(&profileId), 0u);
@@ -270,12 +270,13 @@ TEST(VlanFlows, FieldRanges)
     services::StartWorkingModule();
     const u32 kLow[] = {1, 1, 1, 1, 1, 1, 0, 0, 1, 1}, kHigh[] = {12, 7, 4, 4, 4, 4, 3, 3, 4, 4};
     const auto empty = Image();
-    for (size_t field = 0; field < 10; ++field) {
-        for (u32 value : {kLow[field] - 1, kLow[field], kHigh[field], kHigh[field] + 1, 1u << 31}) {
+    for (u32 field = 0; field < 10; ++field) {
+        const u32 low = kLow[field], high = kHigh[field];
+        for (u32 value : {low - 1, low, high, high + 1, 1u << 31}) {
             SCOPED_TRACE(testing::Message() << "field " << field << " value " << value);
-            const bool valid = value >= kLow[field] && value <= kHigh[field];
+            const bool valid = value >= low && value <= high;
             VlanEditInfo info = Info(5, 2);
-            memcpy(reinterpret_cast<char *>(&info) + 4 * field, &value, sizeof(value));
+            reinterpret_cast<u32 *>(&info)[field] = value;
             const VlanEditCommand command = CommandOf(info);
             EXPECT_EQ(QorL2ResCheckVlanEditInfo(&info), valid);
             EXPECT_EQ(QorL2ResCheckVlanAction(&command), valid || field < 2);
