@@ -157,6 +157,7 @@ TEST(HashTableTest, BehavesAsAMap)
     EXPECT_GT(entriesRefused, 20U);
     ZIR_PartitionSetLimit(PARTITION, 0x40);
     EXPECT_EQ(HASH_CreateNew(PARTITION, sizeof(Node), 4, hashKey, compareKeys, 0), nullptr);
+    ZIR_PartitionSetLimit(PARTITION, 0);
 }
 
 /*

@@ -143,18 +143,15 @@ void runUntilTheStopperWaits()
 
 TEST(TimerTest, StopWaitsForTheRunningCallback)
 {
+    t_isStopper = true;
     for (u32 mode : {ZIR_TIMER_ONCE, ZIR_TIMER_REPEAT}) {
-        g_callbackEnded = false;
-        g_stopperWaits = false;
+        g_callbackEnded = g_stopperWaits = false;
         g_callCount = 0;
         ASSERT_EQ(start(&g_timer[0], 10, runUntilTheStopperWaits, mode), 0U);
         g_nowMs += 10;
         awaitCalls(1);
-        std::thread([] {
-            t_isStopper = true;
-            EXPECT_EQ(ZIR_ReltmrStop(&g_timer[0]), 0U);
-            EXPECT_TRUE(g_callbackEnded);
-        }).join();
+        EXPECT_EQ(ZIR_ReltmrStop(&g_timer[0]), 0U);
+        EXPECT_TRUE(g_callbackEnded);
         EXPECT_EQ(g_timer[0], 0U);
     }
 }
