@@ -39,21 +39,24 @@ TEST(MutexTest, OnlyItsOwnerReleasesIt) QOR_NO_THREAD_SAFETY
 {
     ZIR_Mutex mutex = {};
     std::atomic<bool> entered{false};
-    for (u32 i = 0; i < 3; ++i) {
+    std::atomic<u32> held{3};
+    for (u32 i = 0; i < held; ++i) {
         ZIR_MutexLock(&mutex);
     }
     std::thread([&]() QOR_NO_THREAD_SAFETY { ZIR_MutexUnlock(&mutex); }).join();
     std::thread other([&]() QOR_NO_THREAD_SAFETY {
         ZIR_MutexLock(&mutex);
+        EXPECT_EQ(held, 0U);
         entered = true;
         ZIR_MutexUnlock(&mutex);
     });
-    for (u32 i = 0; i < 3; ++i) {
+    while (held > 0) {
         /* Gives a thread that can enter every opportunity to. */
-        for (u32 n = 0; n < 1000; ++n) {
+        for (u32 n = 0; n < 20000; ++n) {
             (void)sched_yield();
         }
         EXPECT_FALSE(entered);
+        --held;
         ZIR_MutexUnlock(&mutex);
     }
     other.join();
