@@ -32,7 +32,7 @@ void Host::start(const Options &options)
     services.start(options.services);
     module.start(options.module);
     if (!options.metrics.empty()) {
-        metrics.start(options.metrics);
+        metrics.start(options.metrics, options.script, options.module);
     }
     inspector.attach(module, services.partition());
     leftovers.remember(module, inspector);

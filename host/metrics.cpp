@@ -182,7 +182,8 @@ std::string Metrics::current()
 
 /* ---- the file ---- */
 
-std::string labelValue(std::string_view text)
+/* `text` between the quotes of a label value. */
+static std::string labelValue(std::string_view text)
 {
     std::string out;
     for (const char c : text) {
@@ -197,8 +198,9 @@ std::string labelValue(std::string_view text)
 std::string Metrics::text() const
 {
     std::string out;
-    for (const Family *family : {&tokens_, &notifications_, &failures_, &alarms_, &alarmChanges_,
-                                 &vlan_, &blocks_, &bytes_, &queued_, &lines_, &dropped_}) {
+    for (const Family *family :
+         {&run_, &tokens_, &notifications_, &failures_, &alarms_, &alarmChanges_, &vlan_, &blocks_,
+          &bytes_, &queued_, &lines_, &dropped_}) {
         const std::string name = family->name;
         out += "# HELP " + name + " " + family->help + "\n";
         out += "# TYPE " + name + " " + family->type + "\n";
@@ -231,7 +233,7 @@ void Metrics::write()
     }
 }
 
-void Metrics::start(const std::string &path)
+void Metrics::start(const std::string &path, const std::string &script, const std::string &library)
 {
     // A device would be replaced by a file.
     if (std::filesystem::exists(path) && !std::filesystem::is_regular_file(path)) {
@@ -240,6 +242,7 @@ void Metrics::start(const std::string &path)
     path_ = path;
     {
         std::lock_guard lock(mutex_);
+        run_.values[{{"script", script}, {"module", library}}] = 1;
         countVlan(); // before there are callers
     }
     write();

@@ -22,15 +22,12 @@ namespace host {
 class Module;
 class Services;
 
-/* `text` between the quotes of a label value. */
-std::string labelValue(std::string_view text);
-
 class Metrics : public Sink {
 public:
     Metrics(const Module &module, const Services &services);
 
     /* Writes the file for the first time; throws when it cannot. After the module's start. */
-    void start(const std::string &path);
+    void start(const std::string &path, const std::string &script, const std::string &library);
 
     /* The last time. */
     void finish();
@@ -66,7 +63,7 @@ private:
     bool stop_ = false;
     std::string failure_;
     std::map<u64, Open> open_; // by number
-    Family tokens_, notifications_, failures_, alarms_, alarmChanges_, vlan_, blocks_, bytes_,
+    Family run_, tokens_, notifications_, failures_, alarms_, alarmChanges_, vlan_, blocks_, bytes_,
         queued_, lines_, dropped_;
     std::thread writer_;
 };
