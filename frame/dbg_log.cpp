@@ -65,27 +65,34 @@ u32 QorL2ResGetDbgLogLevel(u32 level, u32 *debugLevel, u32 *blackBoxLevel)
     return QOR_OK;
 }
 
-void QorL2ResDbgWriteLog(u32 level, u32 category, const char *format, ...)
-{
-    (void)category;
-    const LevelRow &row = RowOf(level);
-    // Without a service nobody would see the text: spare the formatting.
-    if (!row.written || !LogIsAttached()) {
-        return;
-    }
+namespace {
 
+// Apart from the log call, so that this costs a message that is not written next to nothing.
+__attribute__((noinline)) void Write(const LevelRow &row, const char *format, va_list arguments)
+{
     char text[L2RES_LOG_SIZE] = {};
-    va_list arguments;
-    va_start(arguments, format);
-    const int length = vsnprintf_s(text, sizeof text, sizeof text - 1, format, arguments);
-    va_end(arguments);
-    if (length < 0) {
+    if (vsnprintf_s(text, sizeof text, sizeof text - 1, format, arguments) < 0) {
         return;
     }
     QorL2resVtblPrintDbgLog(g_qorL2resDbgId, row.debugLevel, text);
     if (row.blackBoxLevel != kNoBlackBox) {
         QorL2resPrintBlackBox(row.blackBoxLevel, text);
     }
+}
+
+} // namespace
+
+void QorL2ResDbgWriteLog(u32 level, u32 category, const char *format, ...)
+{
+    (void)category;
+    // Without a service nobody would see the text: spare the formatting.
+    if (!LogIsAttached() || !RowOf(level).written) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    Write(RowOf(level), format, arguments);
+    va_end(arguments);
 }
 
 void QorL2resInitDbg(void)
