@@ -12,6 +12,7 @@
 #include <string>
 
 #include "module.h"
+#include "vlan_engine.h"
 
 namespace host {
 
@@ -34,6 +35,18 @@ struct Ruling {
 
 /* waiting: requests in the entry's list before this one. */
 Ruling ruleOn(const Asked &asked, const std::optional<L2ResOpRecord> &holder, std::size_t waiting);
+
+/*
+ * Why a VLAN edit was refused; "" when the arguments tell nothing. `info` as the client gave it.
+ *   assign   profileId: 64 when the module selected none
+ *   release  tables: of the direction, after the call; result: the module's
+ */
+std::string explainAssign(const VlanEditInfo *info, u32 direction, u16 profileId);
+std::string explainRelease(const VlanEditInfo *info, u32 direction, const VlanTables &tables,
+                           u32 result);
+
+/* Why a registration was refused. */
+std::string explainRegistration(u32 table, u32 service);
 
 } // namespace host
 

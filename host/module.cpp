@@ -11,6 +11,7 @@
 #include "comp_registry.h"
 #include "engine.h"
 #include "ledger.h"
+#include "leftovers.h"
 #include "notifications.h"
 
 namespace host {
@@ -100,40 +101,58 @@ template <class Operation> static Operation *filled(Operation *position, const c
     return position;
 }
 
+/* The reason beneath the result of a call that was refused. */
+static void explain(Journal &journal, const std::string &reason)
+{
+    journal.write(Kind::text, "  because: " + reason, {});
+}
+
+u32 Module::registered(u32 table, u32 service, u32 result)
+{
+    if (result != QOR_OK) {
+        explain(journal_, explainRegistration(table, service));
+    }
+    return result;
+}
+
 u32 Module::icibRegister(u32 service)
 {
     const auto operation = filled(table_->icibRegister, "icib.register");
     const std::array<Field, 1> fields = {{{"service", service}}};
-    return traced("icib.register", fields, successMeaning, [&] {
+    const u32 result = traced("icib.register", fields, successMeaning, [&] {
         return operation(service, Notifications::callback(L2RES_TABLE_ICIB, service));
     });
+    return registered(L2RES_TABLE_ICIB, service, result);
 }
 
 u32 Module::ecibRegister(u32 service)
 {
     const auto operation = filled(table_->ecibRegister, "ecib.register");
     const std::array<Field, 1> fields = {{{"service", service}}};
-    return traced("ecib.register", fields, successMeaning, [&] {
+    const u32 result = traced("ecib.register", fields, successMeaning, [&] {
         return operation(service, Notifications::callback(L2RES_TABLE_ECIB, service));
     });
+    return registered(L2RES_TABLE_ECIB, service, result);
 }
 
 u32 Module::ipatRegister(u32 service)
 {
     const auto operation = filled(table_->ipatRegister, "ipat.register");
     const std::array<Field, 1> fields = {{{"service", service}}};
-    return traced("ipat.register", fields, successMeaning, [&] {
+    const u32 result = traced("ipat.register", fields, successMeaning, [&] {
         return operation(service, Notifications::callback(L2RES_TABLE_IPAT, service));
     });
+    return registered(L2RES_TABLE_IPAT, service, result);
 }
 
 u32 Module::notifyRegister(u32 tableId, u32 service)
 {
     const auto operation = filled(table_->notifyRegister, "notify.register");
     const std::array<Field, 2> fields = {{{"table", tableName(tableId)}, {"service", service}}};
-    return traced("notify.register", fields, successMeaning, [&] {
+    const u32 result = traced("notify.register", fields, successMeaning, [&] {
         return operation(tableId, service, Notifications::callback(tableId, service));
     });
+    return registered(tableId, service, result);
 }
 
 /* ---- tokens ---- */
@@ -271,15 +290,24 @@ static std::vector<Field> vlanFields(const VlanEditInfo &info, u32 direction)
 u32 Module::assignVlan(VlanEditInfo info, u16 *profileId, u32 direction)
 {
     const auto operation = filled(table_->assignVlanEditProfile, "vlan.assign");
-    return traced("vlan.assign", vlanFields(info, direction), successMeaning,
-                  [&] { return operation(&info, profileId, direction); });
+    *profileId = L2RES_VLAN_NO_PROFILE; // the module writes it when it has selected one
+    const u32 result = traced("vlan.assign", vlanFields(info, direction), successMeaning,
+                              [&] { return operation(&info, profileId, direction); });
+    if (result != QOR_OK) {
+        explain(journal_, explainAssign(&info, direction, *profileId));
+    }
+    return result;
 }
 
 u32 Module::freeVlan(VlanEditInfo info, u32 direction)
 {
     const auto operation = filled(table_->freeVlanEditProfile, "vlan.release");
-    return traced("vlan.release", vlanFields(info, direction), successMeaning,
-                  [&] { return operation(&info, direction); });
+    const u32 result = traced("vlan.release", vlanFields(info, direction), successMeaning,
+                              [&] { return operation(&info, direction); });
+    if (result != QOR_OK) {
+        explain(journal_, explainRelease(&info, direction, vlanTables(*this, direction), result));
+    }
+    return result;
 }
 
 void Module::dumpVlan()

@@ -78,6 +78,7 @@ private:
     u32 traced(const char *name, std::span<const Field> fields, const char *(*meaning)(u32),
                Operation operation);
     u32 token(const TokenRequest &request, bool get);
+    u32 registered(u32 table, u32 service, u32 result);
 
     Journal &journal_;
     std::string path_;
