@@ -7,14 +7,10 @@
 #ifndef TESTS_FAULTS_CONSISTENCY_H
 #define TESTS_FAULTS_CONSISTENCY_H
 
-#include <cstring>
 #include <set>
-#include <string>
 
-#include "arbitration/icib.h"
-#include "arbitration/ipat.h"
-#include "frame/memory.h"
 #include "l2rsm_vlan_edit.h"
+#include "support/sides.h"
 #include "zir_memory.h"
 
 namespace consistency {
@@ -23,9 +19,8 @@ struct Census {
     u64 records[2] = {}; /* op records: ICIB, IPAT */
     u64 lists[2] = {};   /* entries somebody waits for */
     u64 waiters = 0;
-    u64 mappings = 0;     /* VLAN edit mappings booked in entries 1..127 */
-    u64 moduleBytes = 0;  /* live in the partition beside the hash tables' own memory */
-    u64 moduleBlocks = 0; /* data copies of the waiters */
+    u64 mappings = 0;    /* VLAN edit mappings booked in entries 1..127 */
+    u64 moduleBytes = 0; /* live in the partition beside the hash tables' own memory */
 
     bool empty() const
     {
@@ -33,65 +28,47 @@ struct Census {
     }
 };
 
-struct WaitTable {
-    HASH_Handle table;
-    size_t listOffset;
-    i16 countdown; /* of a new list */
-};
-
-inline WaitTable Waits(int which)
+/* Looks at what stands behind the key of each node; false: malformed. */
+template <class Look> bool EachNode(const Side &side, HASH_Handle table, const Look &look)
 {
-    return which == 0 ? WaitTable{g_icibReOpRecordHash, offsetof(L2ResIcibReOpRecord, waiters), 3}
-                      : WaitTable{g_ipatReOpRecordHash, offsetof(L2ResIpatReOpRecord, waiters), 0};
-}
-
-inline std::string OpTableProblem(int which, Census *census)
-{
-    const HASH_Handle table = which == 0 ? g_icibOpRecordHash : g_ipatOpRecordHash;
-    const size_t offset = which == 0 ? 40 : 8; /* the record stands behind the key */
     for (auto *element = HASH_GetFirstNode(table); element != nullptr;
          element = HASH_GetNextNode(table)) {
-        L2ResOpRecord record;
-        memcpy(&record, static_cast<char *>(element->node) + offset, sizeof record);
-        if (HASH_FindElmtFromFirst(table, element->node) != element->node) {
-            return "an op record is not found under its own key";
+        if (HASH_FindElmtFromFirst(table, element->node) != element->node ||
+            !look(side.Behind(element->node))) {
+            return false;
         }
-        if (record.Op > L2RES_OP_DELETE || record.Used > (which == 0 ? 1u : 0u)) {
-            return "an op record is malformed";
-        }
-        ++census->records[which];
     }
-    return "";
+    return true;
 }
 
-inline std::string WaitTableProblem(int which, Census *census)
+inline std::string SideProblem(int which, Census *census)
 {
-    const WaitTable waits = Waits(which);
-    std::set<const void *> copies;
-    for (auto *element = HASH_GetFirstNode(waits.table); element != nullptr;
-         element = HASH_GetNextNode(waits.table)) {
-        const auto *list = reinterpret_cast<const L2ResWaitList *>(
-            static_cast<const char *>(element->node) + waits.listOffset);
-        if (HASH_FindElmtFromFirst(waits.table, element->node) != element->node) {
-            return "a list of waiters is not found under its own key";
-        }
-        if (list->reOpNum > L2RES_WAITERS_MAX || list->claimed != 0 ||
-            list->walkCountdown > waits.countdown || list->walkCountdown < 0) {
-            return "a list of waiters is malformed";
-        }
-        for (u16 i = 0; i < list->reOpNum; ++i) {
-            const L2ResWaiter &waiter = list->entry[i];
-            if (waiter.srvType > 8 || waiter.op.Op > L2RES_OP_DELETE || waiter.op.Used > 1) {
-                return "a waiter is malformed";
-            }
-            if (waiter.data != nullptr && !copies.insert(waiter.data).second) {
-                return "two waiters share a data copy";
-            }
-        }
-        ++census->lists[which];
-        census->waiters += list->reOpNum;
+    const Side &side = *kSides[which];
+    const auto wellFormed = [&side](const L2ResOpRecord &record) {
+        return record.Op <= L2RES_OP_DELETE && record.Used <= (side.icib ? 1u : 0u);
+    };
+    if (!EachNode(side, *side.opHash, [&](const void *record) {
+            ++census->records[which];
+            return wellFormed(*static_cast<const L2ResOpRecord *>(record));
+        })) {
+        return "an op record is malformed or not found under its own key";
     }
-    census->moduleBlocks += copies.size();
+    std::set<const void *> copies;
+    if (!EachNode(side, *side.waitHash, [&](const void *behind) {
+            const auto &list = *static_cast<const L2ResWaitList *>(behind);
+            bool good = list.reOpNum <= L2RES_WAITERS_MAX && list.claimed == 0 &&
+                        list.walkCountdown <= (side.icib ? 3 : 0) && list.walkCountdown >= 0;
+            for (u16 i = 0; good && i < list.reOpNum; ++i) {
+                const L2ResWaiter &waiter = list.entry[i];
+                good = waiter.srvType <= 8 && wellFormed(waiter.op) &&
+                       (waiter.data == nullptr || copies.insert(waiter.data).second);
+            }
+            ++census->lists[which];
+            census->waiters += list.reOpNum;
+            return good;
+        })) {
+        return "a list of waiters is malformed, shares data or is not found under its own key";
+    }
     return "";
 }
 
@@ -122,34 +99,26 @@ inline std::string VlanProblem(const u32 *profiles, const VlanEditCommand *comma
 inline std::string Problem(Census *census)
 {
     *census = {};
-    u64 tableBytes = 0;
-    for (HASH_Handle table :
-         {g_icibOpRecordHash, g_icibReOpRecordHash, g_ipatOpRecordHash, g_ipatReOpRecordHash}) {
-        HASH_Stat stat = {};
-        if (table != nullptr) {
-            HASH_GetStat(table, &stat);
-        }
-        if (stat.buffers != 0) {
-            return "a node is neither in its table nor given back";
-        }
-        tableBytes += stat.bytes;
-    }
+    ZIR_PartitionStat partition;
+    ZIR_PartitionGetStat(g_qorL2ResMemPtNo, &partition);
+    census->moduleBytes = partition.liveBytes;
+    std::string problem;
     for (int which : {0, 1}) {
-        if (std::string problem = OpTableProblem(which, census); !problem.empty()) {
-            return problem;
+        for (HASH_Handle table : {*kSides[which]->opHash, *kSides[which]->waitHash}) {
+            HASH_Stat stat = {};
+            if (table != nullptr) {
+                HASH_GetStat(table, &stat);
+            }
+            problem += stat.buffers != 0 ? "a node is neither in its table nor given back" : "";
+            census->moduleBytes -= stat.bytes;
         }
-        if (std::string problem = WaitTableProblem(which, census); !problem.empty()) {
-            return problem;
-        }
+        problem += SideProblem(which, census);
     }
-    ZIR_PartitionStat stat;
-    ZIR_PartitionGetStat(g_qorL2ResMemPtNo, &stat);
-    census->moduleBytes = stat.liveBytes - tableBytes;
-    std::string problem =
+    problem +=
         VlanProblem(g_iveEditProfileItem, g_iveEditCommandInfo, g_iveEditCommandItem, census);
-    return problem.empty() ? VlanProblem(g_eveEditProfileItem, g_eveEditCommandInfo,
-                                         g_eveEditCommandItem, census)
-                           : problem;
+    problem +=
+        VlanProblem(g_eveEditProfileItem, g_eveEditCommandInfo, g_eveEditCommandItem, census);
+    return problem;
 }
 
 } // namespace consistency
