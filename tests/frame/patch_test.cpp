@@ -26,15 +26,6 @@ namespace {
 
 using journal::Lines;
 
-constexpr u32 kUntouched = 9;
-
-u32 Request(u32 operCode, const std::string &library, u32 *handled)
-{
-    *handled = kUntouched;
-    const auto record = services::PatchRecord(library);
-    return libqor_l2rsm_PAT_C2HSyncHookFunc(operCode, 0xDEAD, record.c_str(), handled);
-}
-
 const Lines kActive = {"log 4: libqor_l2rsm reserved patch c2h active01.",
                        "log 4: libqor_l2rsm reserved patch c2h active02.",
                        "log 4: libqor_l2rsm reserved patch c2h active."};
@@ -45,56 +36,51 @@ const Lines kDeactive = {"log 4: libqor_l2rsm reserved patch c2h deactive01.",
 TEST(Patch, RequestsForThisLibraryAreServed)
 {
     services::StartWorkingModule();
-    const std::string invalid = "libqor_l2rsm c2h active or deactive oper failed, operCode ";
+    const std::string own = "libqor_l2rsm.so";
+    const std::string invalid = "log 4: libqor_l2rsm c2h active or deactive oper failed, operCode ";
     struct {
         u32 operCode;
-        const char *library;
+        std::string library;
         u32 result, handled;
         Lines lines;
     } const rows[] = {
-        {0, "libqor_l2rsm.so", 0, 1, kActive},
-        {1, "libqor_l2rsm.so", 0, 1, kDeactive},
-        {2, "libqor_l2rsm.so", 1, 1, {"log 4: " + invalid + "2"}},
-        {0x7FFFFFFF, "libqor_l2rsm.so", 1, 1, {"log 4: " + invalid + "2147483647"}},
-        {0, "libqor_l2rsm.s", 0, 0, {}},
-        {0, "libqor_l2rsm.so.1", 0, 0, {}},
-        {1, "LIBQOR_L2RSM.SO", 0, 0, {}},
-        {2, "", 0, 0, {}},
+        {0, own, 0, 1, kActive},          {1, own, 0, 1, kDeactive},
+        {2, own, 1, 1, {invalid + "2"}},  {0x7FFFFFFF, own, 1, 1, {invalid + "2147483647"}},
+        {0, "libqor_l2rsm.s", 0, 0, {}},  {0, "libqor_l2rsm.so.1", 0, 0, {}},
+        {1, "LIBQOR_L2RSM.SO", 0, 0, {}}, {2, "", 0, 0, {}},
+    };
+    const auto request = [](u32 operCode, const void *record, u32 expected) {
+        journal::Clear();
+        u32 handled = 9;
+        const u32 result = libqor_l2rsm_PAT_C2HSyncHookFunc(operCode, 0xDEAD, record, &handled);
+        EXPECT_EQ(handled, expected);
+        return result;
     };
     for (const auto &row : rows) {
-        journal::Clear();
-        u32 handled = kUntouched;
-        EXPECT_EQ(Request(row.operCode, row.library, &handled), row.result) << row.library;
-        EXPECT_EQ(handled, row.handled) << row.library;
+        const auto record = services::PatchRecord(row.library);
+        EXPECT_EQ(request(row.operCode, record.c_str(), row.handled), row.result) << row.library;
         EXPECT_TRUE(journal::Is(row.lines)) << row.library;
     }
-    u32 handled = kUntouched;
-    EXPECT_EQ(libqor_l2rsm_PAT_C2HSyncHookFunc(0, 0, nullptr, &handled), 0u);
-    EXPECT_EQ(handled, 0u);
+    EXPECT_EQ(request(0, nullptr, 0), 0u);
+
+    // A replaced reserved function runs in its place.
+    g_patched = true;
+    EXPECT_EQ(request(0, services::PatchRecord(own).c_str(), 1), 0u);
+    EXPECT_TRUE(journal::Is({kActive[0], "patched", kActive[2]}));
 }
 
-TEST(Patch, Phase3DeactivatesThenActivates)
+TEST(Patch, Phase3DeactivatesThenActivatesWhatIsPatched)
 {
     services::StartWorkingModule();
-    EXPECT_EQ(QorL2ResInit(0, 0, L2RES_PHASE_PATCH), 0u);
     Lines expected = kDeactive;
     expected.insert(expected.end(), kActive.begin(), kActive.end());
-    EXPECT_TRUE(journal::Is(expected));
-}
-
-TEST(Patch, AReplacedReservedFunctionRunsEverywhere)
-{
-    services::StartWorkingModule();
-    g_patched = true;
-    const Lines patched = {kActive[0], "patched", kActive[2]};
-    u32 handled = 0;
-    EXPECT_EQ(Request(0, "libqor_l2rsm.so", &handled), 0u);
-    EXPECT_TRUE(journal::Is(patched));
-    journal::Clear();
-    EXPECT_EQ(QorL2ResInit(0, 0, L2RES_PHASE_PATCH), 0u);
-    Lines expected = kDeactive;
-    expected.insert(expected.end(), patched.begin(), patched.end());
-    EXPECT_TRUE(journal::Is(expected));
+    for (const bool patched : {false, true}) {
+        g_patched = patched;
+        expected[4] = patched ? "patched" : kActive[1];
+        journal::Clear();
+        EXPECT_EQ(QorL2ResInit(0, 0, L2RES_PHASE_PATCH), 0u);
+        EXPECT_TRUE(journal::Is(expected));
+    }
 }
 
 } // namespace

@@ -2,14 +2,11 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <link.h>
 #include <sys/epoll.h>
 
 #include <array>
 #include <atomic>
-#include <climits>
 #include <cstdarg>
-#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -34,8 +31,7 @@ constexpr size_t Index(Op op)
 }
 
 struct Plan {
-    unsigned skip = 0;  /* calls to let pass before the failing ones */
-    unsigned times = 0; /* calls left to fail */
+    unsigned nth = 0; /* the call that fails, counted from now; 0: none */
     std::optional<long long> result;
 };
 
@@ -49,7 +45,6 @@ struct Plans {
     std::set<Op> overallOps;
     std::set<Op> recorded;
     std::shared_ptr<const std::function<void(Op)>> observer;
-    unsigned failed = 0;
     Op failedOp = Op::kCount;
 };
 std::mutex g_mutex;
@@ -57,51 +52,20 @@ auto &g_plan = *new Plans;
 
 thread_local unsigned t_inside = 0; /* within a forwarded call or an observer */
 
-/* The platform library in memory: its own calls are none of ours. */
-struct Range {
-    uintptr_t begin = 0, end = 0;
-};
-
-int FindObject(dl_phdr_info *info, size_t, void *argument)
-{
-    auto *range = static_cast<Range *>(argument);
-    for (int i = 0; i < info->dlpi_phnum; ++i) {
-        const auto &segment = info->dlpi_phdr[i];
-        const uintptr_t begin = info->dlpi_addr + segment.p_vaddr;
-        if (segment.p_type == PT_LOAD && begin <= range->begin &&
-            range->begin < begin + segment.p_memsz) {
-            *range = {begin, begin + segment.p_memsz};
-            return 1;
-        }
-    }
-    return 0;
-}
-
-Range FindPlatform()
-{
-    Range range{reinterpret_cast<uintptr_t>(dlsym(RTLD_NEXT, "ZIR_MemAlloc")), 0};
-    dl_iterate_phdr(FindObject, &range);
-    return range;
-}
-
+/* The platform's own calls are none of ours. */
 bool IsPlatform(const void *caller)
 {
-    static const Range range = FindPlatform();
-    const auto address = reinterpret_cast<uintptr_t>(caller);
-    return address >= range.begin && address < range.end;
+    static const dl_find_object platform = [] {
+        dl_find_object object{};
+        _dl_find_object(dlsym(RTLD_NEXT, "ZIR_MemAlloc"), &object);
+        return object;
+    }();
+    return caller >= platform.dlfo_map_start && caller < platform.dlfo_map_end;
 }
 
 bool Take(Plan &plan)
 {
-    if (plan.times == 0) {
-        return false;
-    }
-    if (plan.skip > 0) {
-        --plan.skip;
-        return false;
-    }
-    --plan.times;
-    return true;
+    return plan.nth != 0 && --plan.nth == 0;
 }
 
 /* One call passing through. */
@@ -112,12 +76,7 @@ public:
         if (t_inside == 0 && !IsPlatform(caller)) {
             g_calls[Index(op)].fetch_add(1, std::memory_order_relaxed);
             if (g_active.load(std::memory_order_relaxed)) {
-                Consult(op, [&] {
-                    std::ostringstream text;
-                    text << Name(op);
-                    ((text << ' ' << details), ...);
-                    return text.str();
-                });
+                Consult(op, [&] { return journal::Join(Name(op), details...); });
             }
         }
         // The dispatcher calls back into the module, whose calls are to be seen.
@@ -173,7 +132,6 @@ private:
             fails_ = true;
         }
         if (fails_) {
-            ++g_plan.failed;
             g_plan.failedOp = op;
         }
     }
@@ -205,11 +163,11 @@ const char *Name(Op op)
     return kNames[Index(op)];
 }
 
-void Fail(Op op, unsigned nth, std::optional<long long> result, unsigned times)
+void Fail(Op op, unsigned nth, std::optional<long long> result)
 {
     std::lock_guard lock(g_mutex);
-    g_plan.single[Index(op)] = {nth - 1, times, result};
-    g_plan.failed = 0;
+    g_plan.single[Index(op)] = {nth, result};
+    g_plan.failedOp = Op::kCount;
     g_active = true;
 }
 
@@ -217,27 +175,20 @@ void FailOverall(unsigned nth, const std::set<Op> &operations)
 {
     std::lock_guard lock(g_mutex);
     g_plan.overallOps = operations;
-    if (operations.empty()) {
-        for (size_t op = 0; op < Index(Op::QOR_Epoll_EvtProc); ++op) {
-            g_plan.overallOps.insert(static_cast<Op>(op));
-        }
-        g_plan.overallOps.erase(Op::vsnprintf_s);
-    }
-    g_plan.overall = {nth - 1, 1, {}};
-    g_plan.failed = 0;
+    g_plan.overall = {nth, {}};
+    g_plan.failedOp = Op::kCount;
     g_active = true;
-}
-
-unsigned Failed()
-{
-    std::lock_guard lock(g_mutex);
-    return g_plan.failed;
 }
 
 Op FailedOp()
 {
     std::lock_guard lock(g_mutex);
-    return g_plan.failed != 0 ? g_plan.failedOp : Op::kCount;
+    return g_plan.failedOp;
+}
+
+unsigned Failed()
+{
+    return FailedOp() == Op::kCount ? 0 : 1;
 }
 
 unsigned long Calls(Op op)
@@ -269,6 +220,16 @@ void Reset()
 
 } // namespace faults
 
+using faults::Next;
+using faults::Op;
+using faults::Point;
+
+#define REAL(name)                                                                                 \
+    ([]() {                                                                                        \
+        static auto *const real = Next<decltype(name)>(#name);                                     \
+        return real;                                                                               \
+    }())
+
 namespace timers {
 namespace {
 
@@ -276,31 +237,32 @@ std::mutex g_mutex;
 bool g_capture = false;
 auto &g_timers = *new std::vector<Timer>;
 
-/* Both: true when the timers are the test's. */
-bool Start(const Timer &timer)
+u32 Start(const Timer &timer)
 {
     std::lock_guard lock(g_mutex);
-    if (g_capture) {
-        g_timers.push_back(timer);
-        *timer.handle = g_timers.size();
+    if (!g_capture) {
+        return REAL(ZIR_ReltmrCbkStart)(timer.handle, timer.memHandle, timer.periodMs,
+                                        timer.parameter, timer.context, timer.mode, timer.callback);
     }
-    return g_capture;
+    g_timers.push_back(timer);
+    *timer.handle = g_timers.size();
+    return QOR_OK;
 }
 
-bool Stop(ZIR_TimerHandle *handle, u32 *result)
+u32 Stop(ZIR_TimerHandle *handle)
 {
     std::lock_guard lock(g_mutex);
-    if (g_capture) {
-        const bool known = *handle >= 1 && *handle <= g_timers.size();
-        *result = known ? QOR_OK : QOR_FAIL;
-        if (known) {
-            Timer &timer = g_timers[*handle - 1];
-            timer.running = false;
-            journal::Write(journal::kCall, "stopped " + std::to_string(timer.periodMs));
-            *handle = 0;
-        }
+    if (!g_capture) {
+        return REAL(ZIR_ReltmrStop)(handle);
     }
-    return g_capture;
+    if (*handle < 1 || *handle > g_timers.size()) {
+        return QOR_FAIL;
+    }
+    Timer &timer = g_timers[*handle - 1];
+    timer.running = false;
+    journal::Write(journal::kCall, journal::Join("stopped", timer.periodMs));
+    *handle = 0;
+    return QOR_OK;
 }
 
 } // namespace
@@ -332,6 +294,12 @@ namespace worker {
 namespace {
 
 std::atomic<QorQueueContext *> g_context{nullptr};
+
+u32 Attach(u32 epollFd, u32 operation, QorQueueHandle queue, u32 events, QorQueueContext *context)
+{
+    g_context = context;
+    return REAL(QorEpollQueCtl)(epollFd, operation, queue, events, context);
+}
 
 } // namespace
 
@@ -365,19 +333,9 @@ unsigned Drain()
 
 /* ---- the definitions that come before the platform's ---- */
 
-using faults::Next;
-using faults::Op;
-using faults::Point;
-
-#define REAL(name)                                                                                 \
-    ([]() {                                                                                        \
-        static auto *const real = Next<decltype(name)>(#name);                                     \
-        return real;                                                                               \
-    }())
-
-/* FAULT(result type, name, (parameters), (arguments), result when failing, what else it does then,
-   details of a record...) */
-#define FAULT(type, name, parameters, arguments, own, effect, ...)                                 \
+/* FAULT_TO(result type, name, (parameters), result when failing, what else it does then,
+   the call it is forwarded to, details of a record...) */
+#define FAULT_TO(type, name, parameters, own, effect, call, ...)                                   \
     extern "C" QOR_API type name parameters                                                        \
     {                                                                                              \
         const Point point(Op::name, __builtin_return_address(0) __VA_OPT__(, ) __VA_ARGS__);       \
@@ -385,8 +343,12 @@ using faults::Point;
             effect;                                                                                \
             return point.result<type>(own);                                                        \
         }                                                                                          \
-        return REAL(name) arguments;                                                               \
+        return call;                                                                               \
     }
+
+/* The same, with (arguments) for the platform's own. */
+#define FAULT(type, name, parameters, arguments, own, effect, ...)                                 \
+    FAULT_TO(type, name, parameters, own, effect, REAL(name) arguments __VA_OPT__(, ) __VA_ARGS__)
 
 #define NOTHING static_cast<void>(0)
 #define ZEROED                                                                                     \
@@ -442,94 +404,47 @@ FAULT(u32, QorEpollQueRead, (QorQueueHandle queue, u32 option, void *element, u3
       (queue, option, element, size), 0, NOTHING)
 FAULT(u32, QOR_Epoll_EvtProc, (struct epoll_event * events, u32 count), (events, count), 0, NOTHING)
 
+/* The timer calls may end with captured timers instead. */
+FAULT_TO(u32, ZIR_ReltmrCbkStart,
+         (ZIR_TimerHandle * handle, u32 memHandle, u32 periodMs, u32 parameter, void *context,
+          u32 mode, ZIR_TimerCallback callback),
+         1, NOTHING,
+         timers::Start({handle, memHandle, periodMs, parameter, context, mode, callback, true}))
+FAULT_TO(u32, ZIR_ReltmrStop, (ZIR_TimerHandle * handle), 1, NOTHING, timers::Stop(handle))
+FAULT_TO(u32, QorEpollQueCtl,
+         (u32 epollFd, u32 operation, QorQueueHandle queue, u32 events, QorQueueContext *context),
+         1, NOTHING, worker::Attach(epollFd, operation, queue, events, context), operation, events)
+
 extern "C" QOR_API void HASH_DeleteHash(HASH_Handle *table)
 {
     const Point point(Op::HASH_DeleteHash, __builtin_return_address(0));
     REAL(HASH_DeleteHash)(table);
 }
 
-extern "C" QOR_API void HASH_FreeData(HASH_Handle table, void *data)
-{
-    const Point point(Op::HASH_FreeData, __builtin_return_address(0));
-    REAL(HASH_FreeData)(table, data);
-}
+#define FAULT_FORMATTED(name, parameters, limit)                                                   \
+    extern "C" QOR_API int name parameters                                                         \
+    {                                                                                              \
+        const Point point(Op::name, __builtin_return_address(0));                                  \
+        if (point.fails()) {                                                                       \
+            EMPTIED;                                                                               \
+            return point.result<int>(-1);                                                          \
+        }                                                                                          \
+        va_list arguments;                                                                         \
+        va_start(arguments, format);                                                               \
+        const int length = REAL(vsnprintf_s)(dest, destSize, limit, format, arguments);            \
+        va_end(arguments);                                                                         \
+        return length;                                                                             \
+    }
 
-extern "C" QOR_API u32 ZIR_ReltmrCbkStart(ZIR_TimerHandle *handle, u32 memHandle, u32 periodMs,
-                                          u32 parameter, void *context, u32 mode,
-                                          ZIR_TimerCallback callback)
-{
-    const Point point(Op::ZIR_ReltmrCbkStart, __builtin_return_address(0));
-    if (point.fails()) {
-        return point.result<u32>(1);
-    }
-    if (timers::Start({handle, memHandle, periodMs, parameter, context, mode, callback, true})) {
-        return QOR_OK;
-    }
-    return REAL(ZIR_ReltmrCbkStart)(handle, memHandle, periodMs, parameter, context, mode,
-                                    callback);
-}
-
-extern "C" QOR_API u32 ZIR_ReltmrStop(ZIR_TimerHandle *handle)
-{
-    const Point point(Op::ZIR_ReltmrStop, __builtin_return_address(0));
-    if (point.fails()) {
-        return point.result<u32>(1);
-    }
-    u32 result = 0;
-    return timers::Stop(handle, &result) ? result : REAL(ZIR_ReltmrStop)(handle);
-}
-
-extern "C" QOR_API u32 QorEpollQueCtl(u32 epollFd, u32 operation, QorQueueHandle queue, u32 events,
-                                      QorQueueContext *context)
-{
-    const Point point(Op::QorEpollQueCtl, __builtin_return_address(0), operation, events);
-    if (point.fails()) {
-        return point.result<u32>(1);
-    }
-    worker::g_context = context;
-    return REAL(QorEpollQueCtl)(epollFd, operation, queue, events, context);
-}
-
-extern "C" QOR_API int sprintf_s(char *dest, size_t destSize, const char *format, ...)
-{
-    const Point point(Op::sprintf_s, __builtin_return_address(0));
-    if (point.fails()) {
-        EMPTIED
-        return point.result<int>(-1);
-    }
-    va_list arguments;
-    va_start(arguments, format);
-    const int length = REAL(vsnprintf_s)(dest, destSize, destSize, format, arguments);
-    va_end(arguments);
-    return length;
-}
-
-extern "C" QOR_API int snprintf_s(char *dest, size_t destSize, size_t limit, const char *format,
-                                  ...)
-{
-    const Point point(Op::snprintf_s, __builtin_return_address(0));
-    if (point.fails()) {
-        EMPTIED
-        return point.result<int>(-1);
-    }
-    va_list arguments;
-    va_start(arguments, format);
-    const int length = REAL(vsnprintf_s)(dest, destSize, limit, format, arguments);
-    va_end(arguments);
-    return length;
-}
+FAULT_FORMATTED(sprintf_s, (char *dest, size_t destSize, const char *format, ...), destSize)
+FAULT_FORMATTED(snprintf_s, (char *dest, size_t destSize, size_t limit, const char *format, ...),
+                limit)
 
 /* The sanitizers' own epoll_wait, where there is one: it knows what waiting hands over. */
 extern "C" int __interceptor_epoll_wait(int, struct epoll_event *, int, int) __attribute__((weak));
 
-extern "C" QOR_API int epoll_wait(int epollFd, struct epoll_event *events, int count, int timeout)
-{
-    const Point point(Op::epoll_wait, __builtin_return_address(0), count, timeout);
-    if (point.fails()) {
-        return point.result<int>(-1);
-    }
-    if (__interceptor_epoll_wait != nullptr) {
-        return __interceptor_epoll_wait(epollFd, events, count, timeout);
-    }
-    return REAL(epoll_wait)(epollFd, events, count, timeout);
-}
+FAULT_TO(int, epoll_wait, (int epollFd, struct epoll_event *events, int count, int timeout), -1,
+         NOTHING,
+         (__interceptor_epoll_wait != nullptr ? __interceptor_epoll_wait
+                                              : REAL(epoll_wait))(epollFd, events, count, timeout),
+         count, timeout)

@@ -8,8 +8,8 @@
  *
  *     faults::Fail(Op::HASH_NewData);            the next call fails as the platform would
  *     faults::Fail(Op::QorEpollQueWrite, 3, 77); the third call from now on returns 77
- *     for (unsigned n = 1; ; ++n) {              every call of an operation fails once
- *         faults::FailOverall(n);
+ *     for (unsigned n = 1; ; ++n) {              every call of some operations fails once
+ *         faults::FailOverall(n, operations);
  *         ...                                    act, check that nothing leaked, undo
  *         if (faults::Failed() == 0) break;      there is no n-th call any more
  *     }
@@ -32,7 +32,7 @@
 #include "qor_types.h"
 #include "zir_timer.h"
 
-/* Those that can fail, then those that are only counted, recorded and observed. */
+/* Those that can fail, then one that is only counted, recorded and observed. */
 // clang-format off
 #define FAULTS_OPERATIONS(X) \
     X(ZIR_HandleInitialize) X(ZIR_MemAlloc) X(ZIR_MemFree) X(ZIR_MutexInit) \
@@ -41,8 +41,7 @@
     X(memcpy_s) X(memset_s) X(strcpy_s) X(strcat_s) X(sprintf_s) X(snprintf_s) \
     X(vsnprintf_s) X(epoll_create_s) X(close_s) X(epoll_wait) X(QorEpollTaskCreate) \
     X(QorEpollQueCreate) X(QorEpollQueCtl) X(QorEpollQueDelete) X(QorEpollQueGetMsgNum) \
-    X(QorEpollQueWrite) X(QorEpollQueRead) X(QOR_Epoll_EvtProc) X(HASH_DeleteHash) \
-    X(HASH_FreeData)
+    X(QorEpollQueWrite) X(QorEpollQueRead) X(QOR_Epoll_EvtProc) X(HASH_DeleteHash)
 // clang-format on
 
 namespace faults {
@@ -56,18 +55,16 @@ enum class Op {
 
 const char *Name(Op op);
 
-/* Lets the nth call from now (1 the next one) and the `times` - 1 after it fail, with that result. */
-void Fail(Op op, unsigned nth = 1, std::optional<long long> result = {}, unsigned times = 1);
-constexpr unsigned kForEver = 0x7FFFFFFF;
+/* Lets the nth call from now (1 the next one) fail, with that result. */
+void Fail(Op op, unsigned nth = 1, std::optional<long long> result = {});
 
-/* Lets the nth call from now of any of these operations fail; empty: all that can fail but
-   vsnprintf_s, whose failure only drops a message. */
-void FailOverall(unsigned nth, const std::set<Op> &operations = {});
+/* Lets the nth call from now of any of these operations fail. */
+void FailOverall(unsigned nth, const std::set<Op> &operations);
 
-/* Calls made to fail since the last Fail, FailOverall or Reset. */
-unsigned Failed();
-/* The operation of the latest of them; kCount: none. */
+/* The operation last made to fail since Fail, FailOverall or Reset; kCount: none. */
 Op FailedOp();
+/* Whether there is one: 1 or 0. */
+unsigned Failed();
 
 /* Calls since the process started. */
 unsigned long Calls(Op op);
@@ -97,6 +94,7 @@ struct Timer {
     u32 mode;
     ZIR_TimerCallback callback;
     bool running;
+    bool operator==(const Timer &) const = default;
 };
 
 /* From now on started timers are kept here instead of being started; stopping one is written to the

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <mutex>
-#include <sstream>
 #include <utility>
 
 namespace journal {
@@ -38,21 +37,27 @@ Lines Only(unsigned kinds)
     return lines;
 }
 
+std::string Text(unsigned kinds)
+{
+    std::string text;
+    for (const std::string &line : Only(kinds)) {
+        text += (text.empty() ? "" : " | ") + line;
+    }
+    return text;
+}
+
 testing::AssertionResult Equal(const Lines &actual, const Lines &expected)
 {
     if (actual == expected) {
         return testing::AssertionSuccess();
     }
-    // Side by side from the first difference on; what agrees before it is only counted.
+    // Both from the first difference on; what agrees before it is only counted.
     const auto [first, other] =
         std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
-    std::ostringstream text;
-    text << "the first " << first - actual.begin() << " lines agree, then";
-    text << "\n  actual (" << actual.size() << " in all):";
-    std::for_each(first, actual.end(), [&](const auto &line) { text << "\n    " << line; });
-    text << "\n  expected (" << expected.size() << " in all):";
-    std::for_each(other, expected.end(), [&](const auto &line) { text << "\n    " << line; });
-    return testing::AssertionFailure() << text.str();
+    return testing::AssertionFailure()
+           << "the first " << first - actual.begin()
+           << " lines agree, then\n  actual: " << testing::PrintToString(Lines(first, actual.end()))
+           << "\n  expected: " << testing::PrintToString(Lines(other, expected.end()));
 }
 
 testing::AssertionResult Is(const Lines &expected, unsigned kinds)
@@ -63,21 +68,6 @@ testing::AssertionResult Is(const Lines &expected, unsigned kinds)
 std::string Error(const std::string &text)
 {
     return "log 2: " + text;
-}
-
-std::string Event(const std::string &text)
-{
-    return "log 4: " + text;
-}
-
-std::string Startup(const std::string &text)
-{
-    return "log 3: " + text;
-}
-
-std::string Trace(const std::string &text)
-{
-    return "log 4: " + text;
 }
 
 } // namespace journal

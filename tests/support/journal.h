@@ -11,14 +11,14 @@
  *
  * A message of the module appears as "log L: text", L the debug log's own level (2 errors, 3 start-up
  * failures, 4 all others); errors and events follow as "bbox L: text" (1 errors, 0 events). Where
- * the black box is not the point, compare with Only(kLog) and the shorter forms Error(), Event(),
- * Startup() and Trace(). Any thread may write.
+ * the black box is not the point, compare with Only(kLog). Any thread may write.
  */
 #ifndef TESTS_SUPPORT_JOURNAL_H
 #define TESTS_SUPPORT_JOURNAL_H
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,21 +39,31 @@ enum Kind : unsigned {
 
 using Lines = std::vector<std::string>;
 
+/* The parts with blanks between them: "addPara 3 6 4 4096". */
+template <class First, class... Others>
+std::string Join(const First &first, const Others &...others)
+{
+    std::ostringstream text;
+    text << first;
+    ((text << ' ' << others), ...);
+    return text.str();
+}
+
 void Write(Kind kind, std::string text);
 void Clear();
 
 /* The entries of these kinds, oldest first. */
 Lines Only(unsigned kinds);
 
+/* The same as one text: "log 4: one | log 4: another". */
+std::string Text(unsigned kinds = kAll);
+
 /* Succeeds when the entries of these kinds are exactly the expected ones; else shows both lists. */
 testing::AssertionResult Is(const Lines &expected, unsigned kinds = kAll);
 testing::AssertionResult Equal(const Lines &actual, const Lines &expected);
 
-/* A debug-log line of the module's levels 5, 1, 4 and 0 or 2. */
+/* What the journal has of an error in the debug log. */
 std::string Error(const std::string &text);
-std::string Event(const std::string &text);
-std::string Startup(const std::string &text);
-std::string Trace(const std::string &text);
 
 } // namespace journal
 

@@ -1,5 +1,6 @@
 #include "support/services.h"
 
+#include <atomic>
 #include <cstring>
 #include <mutex>
 
@@ -10,9 +11,10 @@
 namespace services {
 namespace {
 
+using journal::Join;
 using journal::Write;
 
-std::mutex g_mutex; /* guards results, the seen ids and the object numbers */
+std::mutex g_mutex; /* guards results and the object numbers */
 u64 g_objects = 0;
 
 u32 ResultOf(const std::string &operation)
@@ -22,20 +24,22 @@ u32 ResultOf(const std::string &operation)
         return fault;
     }
     std::lock_guard lock(g_mutex);
-    if (auto row = fakes.results.find(operation);
-        row != fakes.results.end() && !row->second.empty()) {
-        const u32 result = row->second.front();
-        row->second.erase(row->second.begin());
-        return result;
+    const auto row = fakes.results.find(operation);
+    if (row == fakes.results.end() || row->second.empty()) {
+        return 0;
     }
-    const auto row = fakes.result.find(operation);
-    return row == fakes.result.end() ? 0 : row->second;
+    const u32 result = row->second.front();
+    if (row->second.size() > 1) {
+        row->second.erase(row->second.begin());
+    }
+    return result;
 }
 
 /* Journal entry, interleaved code of the test, result: what every alarm operation does. */
-u32 AlarmOperation(const std::string &operation, const std::string &arguments)
+template <class... Arguments>
+u32 AlarmOperation(const std::string &operation, const Arguments &...arguments)
 {
-    Write(journal::kAlarm, arguments.empty() ? operation : operation + " " + arguments);
+    Write(journal::kAlarm, Join(operation, arguments...));
     if (Get().during) {
         Get().during(operation);
     }
@@ -44,26 +48,25 @@ u32 AlarmOperation(const std::string &operation, const std::string &arguments)
 
 u32 InitPartition(u32 memoryId, const char *name)
 {
-    Write(journal::kService, "initPartition " + std::to_string(memoryId) + " " + name);
+    Write(journal::kService, Join("initPartition", memoryId, name));
     return ResultOf("initPartition");
 }
 
 u32 GetPartitionNumber(u32 memoryId, const char *name)
 {
-    Write(journal::kService, "getPartitionNumber " + std::to_string(memoryId) + " " + name);
+    Write(journal::kService, Join("getPartitionNumber", memoryId, name));
     return Get().partition;
 }
 
 u32 GetSysTime(L2ResAlarmTime *now)
 {
     memset(now, 0x5A, sizeof(*now));
-    return AlarmOperation("getSysTime", "");
+    return AlarmOperation("getSysTime");
 }
 
 u32 ObjCreate(u32 objectKind, u32 alarmId, L2ResAlarmHandle *object)
 {
-    const u32 result =
-        AlarmOperation("objCreate", std::to_string(objectKind) + " " + std::to_string(alarmId));
+    const u32 result = AlarmOperation("objCreate", objectKind, alarmId);
     if (result == 0) {
         std::lock_guard lock(g_mutex);
         *object = ++g_objects;
@@ -73,19 +76,12 @@ u32 ObjCreate(u32 objectKind, u32 alarmId, L2ResAlarmHandle *object)
 
 u32 SetAlarmComAttr(L2ResAlarmHandle object, L2ResAlarmAttr *attr)
 {
-    EXPECT_EQ(attr->zero12, 0u);
-    EXPECT_EQ(attr->zero28, 0u);
-    EXPECT_EQ(attr->zero32, 0u);
-    if (attr->time == nullptr) {
-        ADD_FAILURE() << "attribute record without a time record";
-    } else {
-        EXPECT_EQ(attr->time->opaque[19], 0x5A) << "the time service filled another record";
-    }
-    return AlarmOperation("setAlarmComAttr", std::to_string(object) + " kind " +
-                                                 std::to_string(attr->alarmKind) + "/" +
-                                                 std::to_string(attr->kindCode) + " time " +
-                                                 std::to_string(attr->timeKind) + " code " +
-                                                 std::to_string(attr->tableAlarmCode));
+    EXPECT_EQ(attr->zero12 + attr->zero28 + attr->zero32, 0u);
+    const bool timed = attr->time != nullptr && attr->time->opaque[19] == 0x5A;
+    EXPECT_TRUE(timed) << "no time record, or one that the time service did not fill";
+    const std::string kind = std::to_string(attr->alarmKind) + "/" + std::to_string(attr->kindCode);
+    return AlarmOperation("setAlarmComAttr", object, "kind", kind, "time", attr->timeKind, "code",
+                          attr->tableAlarmCode);
 }
 
 u32 AddPara(L2ResAlarmHandle object, u32 paraType, u32 length, const void *value)
@@ -98,18 +94,17 @@ u32 AddPara(L2ResAlarmHandle object, u32 paraType, u32 length, const void *value
     } else {
         text.assign(static_cast<const char *>(value), length);
     }
-    return AlarmOperation("addPara", std::to_string(object) + " " + std::to_string(paraType) + " " +
-                                         std::to_string(length) + " " + text);
+    return AlarmOperation("addPara", object, paraType, length, text);
 }
 
 u32 Send(L2ResAlarmHandle object)
 {
-    return AlarmOperation("send", std::to_string(object));
+    return AlarmOperation("send", object);
 }
 
 u32 ObjFree(L2ResAlarmHandle object)
 {
-    return AlarmOperation("objFree", std::to_string(object));
+    return AlarmOperation("objFree", object);
 }
 
 u32 GetSelfSlot()
@@ -118,41 +113,38 @@ u32 GetSelfSlot()
     return Get().slot;
 }
 
+/* The ids given at registration: every message comes with its own. */
+std::atomic<u32> g_dbgId{0}, g_blackBoxId{0};
+
 u32 DbgRegister(const char *name, u32 *id)
 {
-    Write(journal::kService, std::string("dbg register ") + name);
+    Write(journal::kService, Join("dbg register", name));
     const u32 result = ResultOf("dbgRegister");
     if (result == 0) {
-        *id = Get().dbgId;
+        *id = g_dbgId = kDbgId;
     }
     return result;
 }
 
 void DbgPrint(u32 id, u32 level, const char *text)
 {
-    {
-        std::lock_guard lock(g_mutex);
-        Get().seenDbgIds.insert(id);
-    }
+    EXPECT_EQ(id, g_dbgId.load());
     Write(journal::kLog, "log " + std::to_string(level) + ": " + text);
 }
 
 u32 BlackBoxRegister(const char *name, const char *description, u32 *id)
 {
-    Write(journal::kService, std::string("bbox register ") + name + " " + description);
+    Write(journal::kService, Join("bbox register", name, description));
     const u32 result = ResultOf("blackBoxRegister");
     if (result == 0) {
-        *id = Get().blackBoxId;
+        *id = g_blackBoxId = kBlackBoxId;
     }
     return result;
 }
 
 void BlackBoxPrint(u32 id, u32 level, const char *text)
 {
-    {
-        std::lock_guard lock(g_mutex);
-        Get().seenBlackBoxIds.insert(id);
-    }
+    EXPECT_EQ(id, g_blackBoxId.load());
     Write(journal::kBlackBox, "bbox " + std::to_string(level) + ": " + text);
 }
 
@@ -175,39 +167,21 @@ Fakes WorkingFakes()
     return fakes;
 }
 
-void *TableOf(u32 interfaceId)
-{
-    auto &fakes = Get();
-    switch (interfaceId) {
-    case L2RES_IID_ORCHESTRATION:
-        return &fakes.orchm;
-    case L2RES_IID_MEMORY_MANAGER:
-        return &fakes.memm;
-    case L2RES_IID_DEBUG_LOG:
-        return &fakes.dbgLog;
-    case L2RES_IID_LOG:
-        return &fakes.log;
-    case L2RES_IID_TIME:
-        return &fakes.time;
-    case L2RES_IID_BLACK_BOX:
-        return &fakes.blackBox;
-    default:
-        return nullptr;
-    }
-}
-
 /* An interface object is a record whose first field is the table. */
 u32 CreateInstance(void *, u32 interfaceId, void **out)
 {
-    static std::map<u32, void *> objects;
-    *out = nullptr;
-    Write(journal::kService, "interface " + std::to_string(interfaceId));
-    void *table = TableOf(interfaceId);
-    if (table == nullptr || Get().missing.count(interfaceId) != 0) {
+    auto &fakes = Get();
+    static std::map<u32, void *> objects = {
+        {L2RES_IID_ORCHESTRATION, &fakes.orchm}, {L2RES_IID_MEMORY_MANAGER, &fakes.memm},
+        {L2RES_IID_DEBUG_LOG, &fakes.dbgLog},    {L2RES_IID_LOG, &fakes.log},
+        {L2RES_IID_TIME, &fakes.time},           {L2RES_IID_BLACK_BOX, &fakes.blackBox}};
+    Write(journal::kService, Join("interface", interfaceId));
+    const auto object = objects.find(interfaceId);
+    if (object == objects.end() || fakes.missing.count(interfaceId) != 0) {
+        *out = nullptr;
         return QOR_FAIL;
     }
-    objects[interfaceId] = table;
-    *out = &objects[interfaceId];
+    *out = &object->second;
     return QOR_OK;
 }
 

@@ -5,8 +5,8 @@
  *
  *     services::Get().missing = {L2RES_IID_TIME};       no such interface
  *     services::Get().log.objFree = nullptr;            a table without that operation
- *     services::Get().result["send"] = 7;               an operation's result
- *     services::Get().results["addPara"] = {0, 5};      results of its first calls, then 0
+ *     services::Get().results["send"] = {7};            an operation's result
+ *     services::Get().results["addPara"] = {0, 5, 0};   results of its calls, 0 from the third on
  *     ASSERT_EQ(services::StartModule(), 0u);
  *
  * Operations are written to the journal with their arguments:
@@ -34,6 +34,9 @@
 
 namespace services {
 
+/* Given at registration; a message that comes with another one fails the test. */
+constexpr u32 kDbgId = 0x11, kBlackBoxId = 0x22;
+
 struct Fakes {
     L2ResMemmVtbl memm;
     L2ResTimeVtbl time;
@@ -43,21 +46,15 @@ struct Fakes {
     L2ResBlackBoxVtbl blackBox;
 
     std::set<u32> missing;                           /* interface ids that cannot be obtained */
-    std::map<std::string, u32> result;               /* by operation; 0 when not stated */
-    std::map<std::string, std::vector<u32>> results; /* consumed call by call before `result` */
+    std::map<std::string, std::vector<u32>> results; /* by operation and call; the last one stays */
     u32 partition = 7;                               /* what getPartitionNumber returns */
     u32 slot = 3;                                    /* what getSelfSlot returns */
-    u32 dbgId = 0x11;                                /* ids given at registration */
-    u32 blackBoxId = 0x22;
 
     /* Asked before `results` by every operation that can fail: its result, or 0 to go on. */
     std::function<u32(const std::string &operation)> fault;
 
     /* Called inside each alarm operation with its name, after the journal entry; may call the module. */
     std::function<void(const std::string &operation)> during;
-
-    std::set<u32> seenDbgIds; /* ids that messages came with */
-    std::set<u32> seenBlackBoxIds;
 };
 
 Fakes &Get();
