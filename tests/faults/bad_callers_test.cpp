@@ -1,5 +1,5 @@
-// Callers that ask for nonsense, hooks that report it, services that are slow: nothing of it may
-// leave a trace, stop another caller or reach the engine.
+// Callers that ask for nonsense, services that are slow: nothing of it may leave a trace, stop another
+// caller or reach the engine.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -7,7 +7,6 @@
 #include "alarms/exceed_check.h"
 #include "faults/consistency.h"
 #include "l2rsm_component.h"
-#include "support/journal.h"
 #include "support/services.h"
 
 namespace {
@@ -16,13 +15,7 @@ using consistency::Census;
 
 constexpr u32 kWild = 0xFFFFFFFF;
 const L2RsmFunVtbl &g_api = g_l2RsmFunVtbl;
-L2ResIcibKey g_icibKey = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-L2ResIpatKey g_ipatKey = {1, 2};
-
-L2ResTokenReq Request(const void *key, u16 type = 1, u64 stamp = 1)
-{
-    return {stamp, type, key, 0, nullptr};
-}
+const Key g_key = MakeKey();
 
 Census Look()
 {
@@ -85,27 +78,19 @@ TEST(BadCallers, ArgumentsBeyondTheirLimitsAreRefusedWithoutATrace)
     Without("table 6", g_api.notifyRegister(6, 0, nullptr));
     Without("alarm 3", g_api.exceedCheckAndAlarm(3));
     Without("alarm 6", g_api.exceedCheckAndAlarm(6));
-    Without("query", QorL2ResIcibGet(nullptr, nullptr, nullptr));
-    Without("query into nothing", QorL2ResIcibGet(&g_icibKey, nullptr, nullptr));
 }
 
 TEST(BadCallers, RequestsForTokensAreRefusedWithoutATrace)
 {
     Start();
-    for (bool icib : {true, false}) {
-        const auto get = icib ? g_api.getIcibToken : g_api.getIpatToken;
-        const auto free = icib ? g_api.freeIcibToken : g_api.freeIpatToken;
-        auto req = icib ? Request(&g_icibKey) : Request(&g_ipatKey);
-        auto keyless = Request(nullptr);
+    for (const Side *side : kSides) {
+        L2ResTokenReq req = side->Request({1, 1, 1}, g_key);
         for (u32 op : {0u, 1u, 2u, 3u, 4u, kWild}) {
             for (u32 service : {0u, 8u, 9u, kWild}) {
-                Without("no request", get(service, op, nullptr));
-                Without("no key", get(service, op, &keyless));
-                Without("no request to free", free(service, op, nullptr));
-                Without("no key to free", free(service, op, &keyless));
-                Without("nobody's token", free(service, op, &req), icib ? 1 : 0);
+                const u32 nobodys = side->freeToken(service, op, &req);
+                Without("nobody's token", nobodys, side->icib ? 1 : 0);
                 if (op < 1 || op > 3 || service > 8) {
-                    Without("beyond the limits", get(service, op, &req));
+                    Without("beyond the limits", side->getToken(service, op, &req));
                 }
             }
         }
@@ -138,8 +123,7 @@ TEST(BadCallers, MayHandInAnyAmountOfDataOrNone)
 {
     services::StartWorkingModule();
     const u64 before = Look().moduleBytes;
-    auto holder = Request(&g_ipatKey);
-    EXPECT_EQ(g_api.getIpatToken(8, L2RES_OP_ADD, &holder), 0u);
+    EXPECT_EQ(kIpat.Get(L2RES_OP_ADD, {8, 1, 1}, g_key), 0u);
     const std::string data(65535, 'd'); // as much as a length can say
     const struct {
         u16 length;
@@ -147,80 +131,28 @@ TEST(BadCallers, MayHandInAnyAmountOfDataOrNone)
         u64 waiters;
     } rows[] = {{65535, data.data(), 1}, {0, nullptr, 2}, {0, data.data(), 3}, {100, nullptr, 3}};
     for (const auto &row : rows) {
-        L2ResTokenReq req = {~0ULL, 0xFFFF, &g_ipatKey, row.length, row.data};
+        L2ResTokenReq req = {~0ULL, 0xFFFF, &g_key.ipat, row.length, row.data};
         EXPECT_EQ(g_api.getIpatToken(8, L2RES_OP_DELETE, &req), 4u);
         EXPECT_EQ(Look().waiters, row.waiters);
         EXPECT_EQ(Look().moduleBytes, before + data.size());
     }
 }
 
-/* ---- Hooks ---- */
-
-struct {
-    u32 total, used, idle, result;
-} g_counts;
-
-u32 Count(u32 *total, u32 *used, u32 *idle)
-{
-    *total = g_counts.total;
-    *used = g_counts.used;
-    *idle = g_counts.idle;
-    return g_counts.result;
-}
-
-TEST(BadHooks, DecideNothingButWhatTheirCountsSay)
-{
-    services::StartWorkingModule();
-    g_api.notifyRegister(L2RES_TABLE_SEM, 1, [](u32 event, void *, void *) -> u32 {
-        journal::Write(journal::kNotify, "idle " + std::to_string(event));
-        return 0;
-    });
-    g_api.hookRegister(L2RES_HOOK_SEM, reinterpret_cast<L2ResHook>(Count));
-    constexpr u32 kType = L2RES_ALARM_SEM;
-    const struct {
-        const char *what;
-        u32 total, used, idle, result;
-        u32 raised, raisedAfterProbe; // the latter from a raised alarm
-        size_t told;
-    } rows[] = {
-        {"used above total", 10, 11, 0, 0, 0, 1, 0},
-        {"used far above total", 10, kWild, kWild, 0, 0, 1, 0},
-        {"nothing at all", 0, 0, 0, 0, 1, 1, 0},
-        {"no idle ones, but room", 10, 5, 0, 0, 0, 0, 0},
-        {"more idle ones than entries", 10, 5, kWild, 0, 0, 0, 1},
-        {"full, with idle ones", 10, 10, 10, 0, 1, 1, 0},
-        {"full, but the counts do not count", 10, 10, 0, kWild, 0, 1, 0},
-        {"room, but the counts do not count", 10, 5, 5, 1, 0, 1, 0},
-    };
-    for (const auto &row : rows) {
-        g_counts = {row.total, row.used, row.idle, row.result};
-        g_qorl2ResAlarmTbl[kType].raised = 0;
-        EXPECT_EQ(g_api.exceedCheckAndAlarm(kType), 0u) << row.what;
-        EXPECT_EQ(g_qorl2ResAlarmTbl[kType].raised, row.raised) << row.what;
-        g_qorl2ResAlarmTbl[kType].raised = 1;
-        journal::Clear();
-        QorL2ResProbeProc(kType);
-        EXPECT_EQ(g_qorl2ResAlarmTbl[kType].raised, row.raisedAfterProbe) << row.what;
-        EXPECT_EQ(journal::Only(journal::kNotify).size(), row.told) << row.what;
-    }
-}
-
 /* ---- Foreign code that takes its time ---- */
 
-u32 g_slowCalls;
+u32 g_used, g_slowCalls;
 
 /* Another component works on the same entries meanwhile. Whoever holds a lock here never returns. */
 u32 TakeTime()
 {
     ++g_slowCalls;
     std::thread([] {
-        auto icib = Request(&g_icibKey, 9), ipat = Request(&g_ipatKey, 9);
-        for (u32 op : {L2RES_OP_ADD, L2RES_OP_UPDATE, L2RES_OP_DELETE}) {
-            (void)g_api.getIcibToken(8, op, &icib);
-            (void)g_api.getIpatToken(8, op, &ipat);
+        for (const Side *side : kSides) {
+            for (u32 op : {L2RES_OP_ADD, L2RES_OP_UPDATE, L2RES_OP_DELETE}) {
+                (void)side->Get(op, {8, 9, 1}, g_key);
+            }
+            (void)side->Free(L2RES_OP_DELETE, g_key);
         }
-        (void)g_api.freeIcibToken(8, L2RES_OP_DELETE, &icib);
-        (void)g_api.freeIpatToken(8, L2RES_OP_DELETE, &ipat);
         (void)g_api.exceedCheckAndAlarm(L2RES_ALARM_ECIB);
     }).join();
     return QOR_OK;
@@ -228,7 +160,9 @@ u32 TakeTime()
 
 u32 SlowCount(u32 *total, u32 *used, u32 *idle)
 {
-    (void)Count(total, used, idle);
+    *total = 10;
+    *used = g_used;
+    *idle = 10 - g_used;
     return TakeTime();
 }
 
@@ -245,10 +179,10 @@ TEST(SlowForeignCode, StopsNobodyElse)
     const L2ResVlanTranslationHook translate = [](auto...) { return TakeTime(); };
     g_api.hookRegister(L2RES_HOOK_VLAN_TRANSLATION, reinterpret_cast<L2ResHook>(translate));
 
-    g_counts = {10, 10, 10, 0};
+    g_used = 10;
     EXPECT_EQ(g_api.exceedCheckAndAlarm(L2RES_ALARM_SEM), 0u);
     EXPECT_EQ(g_slowCalls, 2u) << "count hook, send";
-    g_counts.used = 5;
+    g_used = 5;
     QorL2ResProbeProc(L2RES_ALARM_SEM);
     EXPECT_EQ(g_slowCalls, 5u) << "count hook, send, idle callback";
     VlanEditInfo info = {5, 2, 1, 1, 1, 1, 0, 0, 1, 1};

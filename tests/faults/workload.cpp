@@ -5,14 +5,13 @@
 
 #include "alarms/alarm_emission.h"
 #include "alarms/exceed_check.h"
-#include "arbitration/icib.h"
 #include "bounded.h"
-#include "frame/memory.h"
 #include "frame/worker.h"
 #include "l2rsm_component.h"
 #include "l2rsm_entry.h"
 #include "support/faults.h"
 #include "support/services.h"
+#include "support/sides.h"
 
 namespace workload {
 
@@ -26,10 +25,7 @@ std::atomic<bool> g_failed{false};
 std::atomic<int> g_openObjects{0};
 u32 g_used = 10; /* of 100, what every count hook reports */
 
-const L2RsmFunVtbl &Table()
-{
-    return g_l2RsmFunVtbl;
-}
+const L2RsmFunVtbl &g_api = g_l2RsmFunVtbl;
 
 void Note(const std::string &what, u64 value)
 {
@@ -46,62 +42,45 @@ u32 Foreign()
 }
 
 /* Two in one bucket, one in another. */
-const L2ResIcibKey kIcibKeys[] = {{1, 10, 1, 0, 100, 0, 7, 0, 0, 0},
-                                  {1, 11, 1, 0, 100, 0, 7, 0, 0, 0},
-                                  {1, 10, 1, 0, 200, 0, 7, 0, 0, 0}};
-const L2ResIpatKey kIpatKeys[] = {{1, 5}, {2, 5}, {1, 6}};
-
-L2ResTokenReq Request(u32 table, u32 key, u16 type, u64 stamp)
-{
-    static const char kData[24] = "what the client keeps";
-    const void *address = &kIpatKeys[key];
-    if (table == L2RES_TABLE_ICIB) {
-        address = &kIcibKeys[key];
-    }
-    return {stamp, type, address, sizeof kData, kData};
-}
+const Key kKeys[] = {MakeKey(100, 10), MakeKey(100, 11), MakeKey(200, 10)};
 
 /* The forwarding type of a request is its service type. */
-void Get(u32 table, u32 key, u32 service, u32 op, u64 stamp)
+void Get(const Side &side, u32 key, u32 service, u32 op, u64 stamp)
 {
-    L2ResTokenReq req = Request(table, key, static_cast<u16>(service), stamp);
-    Note("get", table == L2RES_TABLE_ICIB ? Table().getIcibToken(service, op, &req)
-                                          : Table().getIpatToken(service, op, &req));
+    const Ask ask = {service, static_cast<u16>(service), stamp, "what the client keeps"};
+    Note("get", side.Get(op, ask, kKeys[key]));
 }
 
-void Free(u32 table, u32 key, u32 op)
+void Free(const Side &side, u32 key, u32 op)
 {
-    L2ResTokenReq req = Request(table, key, 0, 0);
-    Note("free", table == L2RES_TABLE_ICIB ? Table().freeIcibToken(1, op, &req)
-                                           : Table().freeIpatToken(1, op, &req));
+    Note("free", side.Free(op, kKeys[key]));
 }
 
 template <u32 kTable, u32 kService> u32 Notified(u32 event, void *record, void *)
 {
     Note("notified " + std::to_string(kTable) + "/" + std::to_string(kService), event);
     if (kService == 2 && record != nullptr) { // asks for another entry from within
-        Get(kTable, 2, 2, L2RES_OP_ADD, 50);
+        Get(*kSides[kTable != L2RES_TABLE_ICIB], 2, 2, L2RES_OP_ADD, 50);
     }
     return Foreign();
 }
 
-template <u32 kTable, u32... kServices> void RegisterRow(std::integer_sequence<u32, kServices...>)
+template <u32... kTables> void RegisterRows()
 {
-    (Table().notifyRegister(kTable, kServices, Notified<kTable, kServices>), ...);
+    (g_api.notifyRegister(kTables, 0, Notified<kTables, 0>), ...);
+    (g_api.notifyRegister(kTables, 1, Notified<kTables, 1>), ...);
+    (g_api.notifyRegister(kTables, 2, Notified<kTables, 2>), ...);
+    (g_api.notifyRegister(kTables, 3, Notified<kTables, 3>), ...);
 }
 
 void RegisterServices()
 {
-    using Services = std::make_integer_sequence<u32, 4>;
-    RegisterRow<L2RES_TABLE_ICIB>(Services());
-    RegisterRow<L2RES_TABLE_ECIB>(Services());
-    RegisterRow<L2RES_TABLE_IPAT>(Services());
-    RegisterRow<L2RES_TABLE_LEM>(Services());
-    RegisterRow<L2RES_TABLE_SEM>(Services());
-    Table().icibRegister(1, Notified<L2RES_TABLE_ICIB, 1>);
-    Table().ecibRegister(1, Notified<L2RES_TABLE_ECIB, 1>);
-    Table().ipatRegister(1, Notified<L2RES_TABLE_IPAT, 1>);
-    Table().notifyRegister(L2RES_TABLE_ECIB, 8, nullptr);
+    RegisterRows<L2RES_TABLE_ICIB, L2RES_TABLE_ECIB, L2RES_TABLE_IPAT, L2RES_TABLE_LEM,
+                 L2RES_TABLE_SEM>();
+    g_api.icibRegister(1, Notified<L2RES_TABLE_ICIB, 1>);
+    g_api.ecibRegister(1, Notified<L2RES_TABLE_ECIB, 1>);
+    g_api.ipatRegister(1, Notified<L2RES_TABLE_IPAT, 1>);
+    g_api.notifyRegister(L2RES_TABLE_ECIB, 8, nullptr);
 }
 
 u32 Count(u32 *total, u32 *used, u32 *idle)
@@ -126,36 +105,36 @@ u32 Translate(const VlanEditInfo *info, u16 profile, u16 command, u32 flag)
 void RegisterHooks()
 {
     for (u32 type : {0, 1, 2, 4, 5}) {
-        Table().hookRegister(type, reinterpret_cast<L2ResHook>(Count));
+        g_api.hookRegister(type, reinterpret_cast<L2ResHook>(Count));
     }
-    Table().hookRegister(L2RES_HOOK_VLAN_TRANSLATION, reinterpret_cast<L2ResHook>(Translate));
+    g_api.hookRegister(L2RES_HOOK_VLAN_TRANSLATION, reinterpret_cast<L2ResHook>(Translate));
 }
 
 /* ---- Tokens ---- */
 
 /* Grants, repeats, refusals and waits, then a release that notifies three services. */
-void PlayTokens(u32 table)
+void PlayTokens(const Side &side)
 {
-    Get(table, 0, 1, L2RES_OP_ADD, 10);
-    Get(table, 0, 1, L2RES_OP_ADD, 11);
-    Get(table, 0, 2, L2RES_OP_ADD, 12);
-    Get(table, 0, 2, L2RES_OP_ADD, 1);
-    Get(table, 0, 3, L2RES_OP_DELETE, 13);
-    Get(table, 0, 3, L2RES_OP_UPDATE, 14);
-    Free(table, 0, L2RES_OP_ADD);
-    Get(table, 0, 1, L2RES_OP_UPDATE, 20);
-    Get(table, 0, 1, L2RES_OP_DELETE, 30);
-    Free(table, 0, L2RES_OP_DELETE);
-    Get(table, 1, 3, L2RES_OP_DELETE, 10); // nobody holds these two
-    Get(table, 2, 3, L2RES_OP_UPDATE, 10);
-    Get(table, 1, 4, L2RES_OP_ADD, 99); // not registered: waits, and nobody is told
+    Get(side, 0, 1, L2RES_OP_ADD, 10);
+    Get(side, 0, 1, L2RES_OP_ADD, 11);
+    Get(side, 0, 2, L2RES_OP_ADD, 12);
+    Get(side, 0, 2, L2RES_OP_ADD, 1);
+    Get(side, 0, 3, L2RES_OP_DELETE, 13);
+    Get(side, 0, 3, L2RES_OP_UPDATE, 14);
+    Free(side, 0, L2RES_OP_ADD);
+    Get(side, 0, 1, L2RES_OP_UPDATE, 20);
+    Get(side, 0, 1, L2RES_OP_DELETE, 30);
+    Free(side, 0, L2RES_OP_DELETE);
+    Get(side, 1, 3, L2RES_OP_DELETE, 10); // nobody holds these two
+    Get(side, 2, 3, L2RES_OP_UPDATE, 10);
+    Get(side, 1, 4, L2RES_OP_ADD, 99); // not registered: waits, and nobody is told
 }
 
-void ReleaseTokens(u32 table)
+void ReleaseTokens(const Side &side)
 {
     for (int i = 0; i < 12; ++i) { // IPAT drops one waiter at a time
         for (u32 key = 0; key < 3; ++key) {
-            Free(table, key, L2RES_OP_DELETE);
+            Free(side, key, L2RES_OP_DELETE);
         }
     }
 }
@@ -164,38 +143,31 @@ void Query(u32 key)
 {
     L2ResQueryEntry entries[L2RES_QUERY_MAX];
     u16 count = 0;
-    Note("query", QorL2ResIcibGet(&kIcibKeys[key], entries, &count));
+    Note("query", QorL2ResIcibGet(&kKeys[key].icib, entries, &count));
     Note("entries", count);
+}
+
+void WalkThrice() // the third one notifies
+{
+    for (int i = 0; i < 3; ++i) {
+        QorL2ResIcibReOpHashWalk();
+    }
 }
 
 void PlayIcib()
 {
     RegisterServices();
-    PlayTokens(L2RES_TABLE_ICIB);
+    PlayTokens(kIcib);
     Query(1);
-    for (int i = 0; i < 3; ++i) { // the third walk notifies
-        QorL2ResIcibReOpHashWalk();
-    }
+    WalkThrice();
     Query(1);
 }
 
 void ReleaseIcib()
 {
-    ReleaseTokens(L2RES_TABLE_ICIB);
-    for (int i = 0; i < 3; ++i) { // what waits for an entry that nobody holds
-        QorL2ResIcibReOpHashWalk();
-    }
-    ReleaseTokens(L2RES_TABLE_ICIB); // and what those asked for from within
-}
-
-void PlayIpat()
-{
-    PlayTokens(L2RES_TABLE_IPAT);
-}
-
-void ReleaseIpat()
-{
-    ReleaseTokens(L2RES_TABLE_IPAT);
+    ReleaseTokens(kIcib);
+    WalkThrice();         // what waits for an entry that nobody holds
+    ReleaseTokens(kIcib); // and what those asked for from within
 }
 
 /* ---- Alarms ---- */
@@ -214,7 +186,7 @@ void PlayAlarms()
     RegisterHooks();
     g_used = 100;
     for (u32 type : kAlarmTypes) {
-        Note("check", Table().exceedCheckAndAlarm(type));
+        Note("check", g_api.exceedCheckAndAlarm(type));
     }
     Note("check both", QorL2ResEcibExceedCheckAndAlarm());
     u32 threshold = 0;
@@ -240,7 +212,7 @@ void ReleaseAlarms()
 {
     g_used = 100; // raise what may be half raised, so that the clear resets everything
     for (u32 type : kAlarmTypes) {
-        (void)Table().exceedCheckAndAlarm(type);
+        (void)g_api.exceedCheckAndAlarm(type);
     }
     g_used = 10;
     ProbeAll();
@@ -258,36 +230,39 @@ VlanEditInfo g_edits[] = {{5, 2, 1, 1, 1, 1, 0, 0, 1, 1}, {6, 2, 1, 1, 1, 1, 0, 
                           {2, 2, 1, 1, 1, 1, 1, 0, 1, 1}, {2, 2, 1, 1, 1, 1, 2, 0, 1, 1},
                           {7, 2, 3, 1, 1, 1, 1, 0, 1, 1}, {7, 2, 3, 1, 1, 1, 0, 0, 1, 1}};
 
+void AssignAll(u32 flag)
+{
+    for (VlanEditInfo &edit : g_edits) {
+        u16 profile = 99;
+        Note("assign", g_api.assignVlanEditProfile(&edit, &profile, flag));
+        Note("profile", profile);
+    }
+}
+
+void FreeAll(u32 flag)
+{
+    for (VlanEditInfo &edit : g_edits) {
+        Note("release", g_api.freeVlanEditProfile(&edit, flag));
+    }
+}
+
 void PlayVlan()
 {
     for (u32 flag : {L2RES_VLAN_INGRESS, L2RES_VLAN_EGRESS}) {
-        for (int again = 0; again < 2; ++again) {
-            for (VlanEditInfo &edit : g_edits) {
-                u16 profile = 99;
-                Note("assign", Table().assignVlanEditProfile(&edit, &profile, flag));
-                Note("profile", profile);
-            }
-        }
+        AssignAll(flag);
+        AssignAll(flag);
     }
     QorL2ResPrintVlanEditRes();
-    for (u32 flag : {L2RES_VLAN_INGRESS, L2RES_VLAN_EGRESS}) {
-        for (VlanEditInfo &edit : g_edits) {
-            Note("release", Table().freeVlanEditProfile(&edit, flag));
-        }
-    }
+    FreeAll(L2RES_VLAN_INGRESS);
+    FreeAll(L2RES_VLAN_EGRESS);
 }
 
 /* A profile that was taken for a command that then failed is freed with its next assignment. */
 void ReleaseVlan()
 {
     for (u32 flag : {L2RES_VLAN_INGRESS, L2RES_VLAN_EGRESS}) {
-        for (VlanEditInfo &edit : g_edits) {
-            u16 profile = 0;
-            (void)Table().assignVlanEditProfile(&edit, &profile, flag);
-        }
-        for (VlanEditInfo &edit : g_edits) {
-            (void)Table().freeVlanEditProfile(&edit, flag);
-        }
+        AssignAll(flag);
+        FreeAll(flag);
     }
 }
 
@@ -317,9 +292,9 @@ void PlayMessages()
 {
     Note("timers", QorL2ResTimerInit());
     OpenQueue();
-    Get(L2RES_TABLE_ICIB, 1, 3, L2RES_OP_DELETE, 10);
+    Get(kIcib, 1, 3, L2RES_OP_DELETE, 10);
     g_used = 100;
-    Note("check", Table().exceedCheckAndAlarm(L2RES_ALARM_SEM));
+    Note("check", g_api.exceedCheckAndAlarm(L2RES_ALARM_SEM));
     g_used = 10;
     timers::Tick(1000);
     timers::Tick(5000);
@@ -356,11 +331,13 @@ void ReleaseMessages()
 
 } // namespace
 
-constinit const Piece kIcib = {"ICIB tokens", PlayIcib, ReleaseIcib};
-constinit const Piece kIpat = {"IPAT tokens", PlayIpat, ReleaseIpat};
-constinit const Piece kAlarms = {"alarms", PlayAlarms, ReleaseAlarms};
-constinit const Piece kVlan = {"VLAN edit", PlayVlan, ReleaseVlan};
-constinit const Piece kMessages = {"messages", PlayMessages, ReleaseMessages};
+constinit const Piece kPieces[5] = {
+    {"ICIB tokens", PlayIcib, ReleaseIcib},
+    {"IPAT tokens", [] { PlayTokens(kIpat); }, [] { ReleaseTokens(kIpat); }},
+    {"alarms", PlayAlarms, ReleaseAlarms},
+    {"VLAN edit", PlayVlan, ReleaseVlan},
+    {"messages", PlayMessages, ReleaseMessages},
+};
 
 void Prepare()
 {

@@ -19,7 +19,7 @@ struct Piece {
     void (*release)();
 };
 
-extern const Piece kIcib, kIpat, kAlarms, kVlan, kMessages;
+extern const Piece kPieces[5];
 
 /* Registers the hooks and callbacks, and takes the timers out of the platform's hands. */
 void Prepare();
