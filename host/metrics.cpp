@@ -28,21 +28,7 @@ static const struct {
                       {"L2Res Icib probe msg EnQue Fail.", "probe"}};
 
 Metrics::Metrics(const Module &module, const Services &services)
-    : module_(module),
-      services_(services), tokens_{"l2rsm_token_requests_total", "counter",
-                                   "Requests for tokens by what the service was told."},
-      notifications_{"l2rsm_notifications_total", "counter", "Callbacks of services."},
-      failures_{"l2rsm_notification_failures_total", "counter",
-                "Callbacks that returned anything but 0."},
-      alarms_{"l2rsm_alarm_on", "gauge", "1 while the table's alarm is on."},
-      alarmChanges_{"l2rsm_alarm_changes_total", "counter",
-                    "Alarms raised, sent again while on, and cleared."},
-      vlan_{"l2rsm_vlan_ids", "gauge", "VLAN edit ids in use."},
-      blocks_{"l2rsm_partition_blocks", "gauge", "Live blocks in the module's partition."},
-      bytes_{"l2rsm_partition_bytes", "gauge", "Live bytes in the module's partition."},
-      queued_{"l2rsm_queue_messages", "gauge", "Messages waiting for the module's worker."},
-      lines_{"l2rsm_log_lines_total", "counter", "Lines written by the module."},
-      dropped_{"l2rsm_ticks_dropped_total", "counter", "Ticks that found no room in the queue."}
+    : module_(module), services_(services)
 {
     for (const char *level : {"error", "warning", "info"}) {
         lines_.values[{{"log", "debuglog"}, {"level", level}}] = 0;

@@ -63,8 +63,22 @@ private:
     bool stop_ = false;
     std::string failure_;
     std::map<u64, Open> open_; // by number
-    Family run_, tokens_, notifications_, failures_, alarms_, alarmChanges_, vlan_, blocks_, bytes_,
-        queued_, lines_, dropped_;
+    Family run_{"l2rsm_run_info", "gauge", "1, with what is running."};
+    Family tokens_{"l2rsm_token_requests_total", "counter",
+                   "Requests for tokens by what the service was told."};
+    Family notifications_{"l2rsm_notifications_total", "counter", "Callbacks of services."};
+    Family failures_{"l2rsm_notification_failures_total", "counter",
+                     "Callbacks that returned anything but 0."};
+    Family alarms_{"l2rsm_alarm_on", "gauge", "1 while the table's alarm is on."};
+    Family alarmChanges_{"l2rsm_alarm_changes_total", "counter",
+                         "Alarms raised, sent again while on, and cleared."};
+    Family vlan_{"l2rsm_vlan_ids", "gauge", "VLAN edit ids in use."};
+    Family blocks_{"l2rsm_partition_blocks", "gauge", "Live blocks of the module's partition."};
+    Family bytes_{"l2rsm_partition_bytes", "gauge", "Live bytes of the module's partition."};
+    Family queued_{"l2rsm_queue_messages", "gauge", "Messages waiting for the worker."};
+    Family lines_{"l2rsm_log_lines_total", "counter", "Lines written by the module."};
+    Family dropped_{"l2rsm_ticks_dropped_total", "counter",
+                    "Ticks that found no room in the queue."};
     std::thread writer_;
 };
 
