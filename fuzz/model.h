@@ -8,12 +8,9 @@
 #ifndef FUZZ_MODEL_H
 #define FUZZ_MODEL_H
 
-#include <array>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "l2rsm_arbitration.h"
@@ -140,59 +137,6 @@ struct CommonTable {
         if (list.waiters.empty()) {
             lists.erase(entry);
         }
-    }
-};
-
-/* VLAN edit, one direction: what is booked, by content; the ids are the module's business. */
-struct VlanDirection {
-    using Owner = std::pair<u32, bool>; /* service type, which of its reserved profiles */
-    using Command = std::array<u32, 8>; /* the request's fields 3 to 10 */
-    using Booking = std::tuple<Owner, u32, Command>; /* with the tag format */
-    bool egress;
-    std::set<Booking> bookings;
-    std::set<Owner> owners; /* of profiles that are taken */
-
-    Owner OwnerOf(u32 service, u32 outerTpid) const
-    {
-        return {service, (service == 2 || (service == 7 && egress)) && outerTpid == 1};
-    }
-
-    bool Stored(const Command &command) const
-    {
-        for (const auto &booking : bookings) {
-            if (std::get<2>(booking) == command) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    /* True: newly booked. */
-    bool Assign(const Booking &booking)
-    {
-        owners.insert(std::get<0>(booking));
-        return bookings.insert(booking).second;
-    }
-
-    /* The result of a release, the hook's result being given. */
-    u32 Release(const Booking &booking, u32 hookResult)
-    {
-        const Owner owner = std::get<0>(booking);
-        if (owners.count(owner) == 0) {
-            return 0;
-        }
-        if (bookings.count(booking) == 0 || hookResult != 0) {
-            return bookings.count(booking) == 0 ? 1 : hookResult;
-        }
-        bookings.erase(booking);
-        bool needed = owner == Owner{2, true}; /* profile 0 keeps its mark */
-        for (const auto &other : bookings) {
-            needed = needed || std::get<0>(other) == owner;
-        }
-        if (!needed) {
-            owners.erase(owner);
-        }
-        return 0;
     }
 };
 
