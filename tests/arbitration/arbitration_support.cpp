@@ -76,11 +76,9 @@ template <u32 kSrv> u32 Notified(u32 event, void *record, void *data)
     EXPECT_EQ(event, u32{L2RES_EVENT_ENTRY_FREE});
     EXPECT_NE(record, nullptr);
     ExpectNoMutexHeld("a callback");
-    std::string text = "notify " + std::to_string(kSrv);
-    if (data != nullptr) {
-        text += std::string(" ") + static_cast<const char *>(data);
-    }
-    journal::Write(journal::kNotify, text);
+    journal::Write(journal::kNotify, data == nullptr
+                                         ? Text("notify ", kSrv)
+                                         : Text("notify ", kSrv, " ", static_cast<char *>(data)));
     return g_onNotify ? g_onNotify(kSrv, record, data) : 0;
 }
 
@@ -104,8 +102,7 @@ extern "C" QOR_API void QorL2ResDbgWriteLog(u32 level, u32 category, const char 
     (void)vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     ExpectNoMutexHeld(text);
-    journal::Write(journal::kLog,
-                   std::to_string(level) + "/" + std::to_string(category) + " " + text);
+    journal::Write(journal::kLog, Text(level, "/", category, " ", text));
     Pass(text, nullptr);
 }
 

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <sstream>
 
 #include "support/journal.h"
 #include "support/sides.h"
@@ -41,6 +42,13 @@ extern unsigned g_countHookCalls;
 
 /* Removes all there is of a key. */
 void Clean(const Side &side, const Key &key = MakeKey());
+
+template <class... Parts> std::string Text(const Parts &...parts)
+{
+    std::ostringstream text;
+    (text << ... << parts);
+    return text.str();
+}
 
 /* Messages and notifications since the last call. */
 journal::Lines TakeLines();

@@ -20,8 +20,7 @@ struct Step {
 void KeepOneRuleLine(Lines *lines)
 {
     for (string &line : *lines) {
-        const auto holder = std::min(line.find(",oldtype"), line.find(",OldStamp"));
-        line.erase(std::min(holder, line.size()));
+        line.erase(std::min({line.find(",oldtype"), line.find(",OldStamp"), line.size()}));
     }
     std::erase_if(*lines, [](const string &line) {
         return line.find("/0 eth commtbl") != string::npos ||
@@ -49,10 +48,8 @@ Lines operator+(Lines lines, const Lines &more)
 
 string Done(u32 table, u32 op, const Ask &ask, u32 ret)
 {
-    return "2/0 L2 res mutex proc,tblid:" + std::to_string(table) +
-           ",srvType:" + std::to_string(ask.srv) + ",opType:" + std::to_string(op) +
-           ",Stamp:" + std::to_string(ask.stamp) + ",FwdType:" + std::to_string(ask.fwd) +
-           ",Ret:" + std::to_string(ret) + ".";
+    return Text("2/0 L2 res mutex proc,tblid:", table, ",srvType:", ask.srv, ",opType:", op,
+                ",Stamp:", ask.stamp, ",FwdType:", ask.fwd, ",Ret:", ret, ".");
 }
 
 // A request with all it writes: the opening lines, those of `middle`, and the dispatcher's.
@@ -63,21 +60,15 @@ Step Requested(const char *name, const Side &side, u32 op, const Ask &ask, u32 r
     constexpr const char *kIpatOps[] = {
         "", "AddMutexProc unit:5,port:100,Type:", "UpdateMutexProc,Unit:5,Port:100,Service:",
         "DelMutexProc unit:5,port:100,Type:"};
-    const string srv = std::to_string(ask.srv), stamp = std::to_string(ask.stamp);
-    const string icib = string("1/1 icib ") + kIcibOps[op];
-    const Lines opened =
-        side.icib
-            ? Lines{icib + " oper,srvType:" + srv + " timestamp:" + stamp,
-                    icib + " key,keytype:1 vsiId:3 globalPort:2 outVlan:100 innerVlan:6 pri:8"}
-            : Lines{string("0/2 L2ResIpat") + kIpatOps[op] + srv + ",Stamp:" + stamp +
-                    ",FwdType:" + std::to_string(ask.fwd) + "."};
+    Lines opened = {Text("0/2 L2ResIpat", kIpatOps[op], ask.srv, ",Stamp:", ask.stamp,
+                         ",FwdType:", ask.fwd, ".")};
+    if (side.icib) {
+        const string icib = Text("1/1 icib ", kIcibOps[op]);
+        opened = {Text(icib, " oper,srvType:", ask.srv, " timestamp:", ask.stamp),
+                  icib + " key,keytype:1 vsiId:3 globalPort:2 outVlan:100 innerVlan:6 pri:8"};
+    }
     return {name, [=, &side] { return side.Get(op, ask); }, ret,
             opened + middle + Lines{Done(side.tableId, op, ask, ret)}};
-}
-
-Step Called(const char *name, const std::function<u32()> &act, u32 ret, const Lines &lines)
-{
-    return {name, act, ret, lines};
 }
 
 Step Freed(const char *name, const Side &side, u32 op, u32 ret, const Lines &lines)
@@ -146,10 +137,10 @@ TEST_F(Messages, OfIcibRequests)
             held + Lines{"0/0 L2ResUpdateMutex,Stamp:103,Op:2,SrvType:10,Used:0"} +
                 IcibStored("Stamp:100,Op:1,SrvType:10,Used:1", "Stamp:103,Op:2,Srv:10,Used:1") +
                 Lines{"1/1 icib mod oper proc,Op:2,IsOp:1,ReOp:0,IsReOp:0,ret:0."}),
-        Called("query", query, 0,
-               IcibFound(modified) + Lines{info + "10, optype:2, time:103, iswaiting:0.",
-                                           info + "20, optype:1, time:101, iswaiting:1.",
-                                           info + "30, optype:3, time:7, iswaiting:1."}),
+        Step{"query", query, 0,
+             IcibFound(modified) + Lines{info + "10, optype:2, time:103, iswaiting:0.",
+                                         info + "20, optype:1, time:101, iswaiting:1.",
+                                         info + "30, optype:3, time:7, iswaiting:1."}},
         Freed("after an update", kIcib, kUpdate, 0,
               IcibFound(modified) + IcibStored(modified, "Stamp:103,Op:2,Srv:10,Used:0") +
                   Lines{"notify 2 two", "5/1 Icib Notify, ret:0 srvType:2" + told, "notify 3 three",
@@ -161,9 +152,9 @@ TEST_F(Messages, OfIcibRequests)
                         "OuterVlan--100."}),
         Freed("nobody holds", kIcib, kAdd, 1,
               IcibFound("") + Lines{"5/1 icib op record is not exist.srvType:12,opType:1"}),
-        Called("query of nothing", query, 0,
-               IcibFound("") + Lines{"2/1 Query op record is not exist. keytype:1, portid:2.",
-                                     "2/1 Query waitinfo is not exist. keytype:1, portid:2."}),
+        Step{"query of nothing", query, 0,
+             IcibFound("") + Lines{"2/1 Query op record is not exist. keytype:1, portid:2.",
+                                   "2/1 Query waitinfo is not exist. keytype:1, portid:2."}},
         Requested("update, nobody holds", kIcib, kUpdate, {3, 30, 6}, 3,
                   IcibFound("") +
                       Lines{saved + "6,srvType:30,opCode:2,reOpNum:1.",
@@ -172,23 +163,26 @@ TEST_F(Messages, OfIcibRequests)
                   IcibFound("") + IcibStored("", "Stamp:7,Op:3,Srv:30,Used:0") +
                       Lines{saved + "7,srvType:30,opCode:3,reOpNum:2.",
                             "1/1 icib del oper proc,Op:0,IsOp:1,ReOp:0,IsReOp:1,ret:4"}),
-        Called("third walk", [] { return Walk(3), 0u; }, 0,
-               {"notify 3", "5/1 Notify Available, srvType:3 ,ret:0.", "notify 3",
-                "5/1 Notify Available, srvType:3 ,ret:0."}),
+        Step{"third walk",
+             [] { return Walk(3), 0u; },
+             0,
+             {"notify 3", "5/1 Notify Available, srvType:3 ,ret:0.", "notify 3",
+              "5/1 Notify Available, srvType:3 ,ret:0."}},
         Unjudged(kIcib, 0, 8, Done(0, 0, {8, 10, 1}, 1)),
         Unjudged(kIcib, 1, 9, "5/1 L2ResGetIcib Fail,Service:9,OpType:1,Stamp:1,FwdType:10."),
         Unjudged(kIcib, 4, 8, "5/1 L2ResGetIcib Fail,Service:8,OpType:4,Stamp:1,FwdType:10."),
-        Called("no key", [&] { return QorL2ResIcibGet(nullptr, entries, &count); }, 1,
-               {"5/1 Query key is invalid."}),
-        Called("no buffer", [&] { return QorL2ResIcibGet(&key.icib, nullptr, &count); }, 1,
-               {"5/1 Query buffer is invalid."}),
+        Step{"no key",
+             [&] { return QorL2ResIcibGet(nullptr, entries, &count); },
+             1,
+             {"5/1 Query key is invalid."}},
+        Step{"no buffer",
+             [&] { return QorL2ResIcibGet(&key.icib, nullptr, &count); },
+             1,
+             {"5/1 Query buffer is invalid."}},
     });
     EXPECT_EQ(count, 0u); // of the last query that had all it needs; the lines are of the first
-    EXPECT_EQ(entries[0].time, 103u);
-    EXPECT_EQ(entries[0].iswaiting, 0u);
-    EXPECT_EQ(entries[2].servicename, 30u);
-    EXPECT_EQ(entries[2].optype, 3u);
-    EXPECT_EQ(entries[2].iswaiting, 1u);
+    const L2ResQueryEntry first[] = {{103, 2, 10, 0}, {101, 1, 20, 1}, {7, 3, 30, 1}};
+    EXPECT_EQ(memcmp(entries, first, sizeof first), 0);
     EXPECT_EQ(QorL2ResIcibGet(&key.icib, entries, nullptr), 1u);
 }
 

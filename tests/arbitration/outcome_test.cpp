@@ -56,8 +56,8 @@ auto Fields(const L2ResOpRecord &record)
 
 void Try(const Side &side, const Row &row, char op, char age, u32 used)
 {
-    SCOPED_TRACE("op " + std::to_string(row.op) + ", holder " + row.holder + " " + op + " used " +
-                 std::to_string(used) + ", request " + age);
+    SCOPED_TRACE(
+        Text("op ", row.op, ", holder ", row.holder, " ", op, " used ", used, ", request ", age));
     const bool held = strcmp(row.holder, "none") != 0;
     const L2ResOpRecord holder = {500, static_cast<u16>(op - '0'), 10, used};
     if (held) {

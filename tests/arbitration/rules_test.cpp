@@ -83,11 +83,10 @@ std::string Filled(std::string text, const L2ResOpRecord &req, const L2ResOpReco
     return text;
 }
 
-std::string Text(const L2ResVerdict &verdict)
+std::string Closing(const L2ResVerdict &verdict)
 {
-    return " Op:" + std::to_string(verdict.OpCode) + ",IsOp:" + std::to_string(verdict.IsOp) +
-           ",ReOp:" + std::to_string(verdict.ReOp) + ",IsReOp:" + std::to_string(verdict.IsReOp) +
-           ".";
+    return Text(" Op:", +verdict.OpCode, ",IsOp:", +verdict.IsOp, ",ReOp:", +verdict.ReOp,
+                ",IsReOp:", +verdict.IsReOp, ".");
 }
 
 void Try(const Row &row, char op, char age)
@@ -99,14 +98,14 @@ void Try(const Row &row, char op, char age)
     journal::Clear();
     L2ResVerdict verdict = {};
     EXPECT_EQ(row.rule.judge(&req, &holder, &verdict), row.result);
-    EXPECT_EQ(Text(verdict), Text(row.verdict));
+    EXPECT_EQ(Closing(verdict), Closing(row.verdict));
 
     journal::Lines expected = {Filled(std::string(row.rule.name) + row.rule.opening, req, holder)};
     if (row.message != nullptr) {
         expected.push_back(std::to_string(row.level) + Filled(row.message, req, holder));
     }
     if (row.result == 0) {
-        expected.push_back(row.rule.name + Text(row.verdict));
+        expected.push_back(row.rule.name + Closing(row.verdict));
     }
     EXPECT_TRUE(journal::Equal(TakeLines(), expected));
 }
