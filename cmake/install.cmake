@@ -51,7 +51,7 @@ endforeach()
 # ---- to read ----
 
 install(FILES docs/l2rsm-host.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES docs/host.md docs/install.md DESTINATION ${documents})
+install(FILES docs/host.md docs/install.md docs/recording.md DESTINATION ${documents})
 install(DIRECTORY scenarios examples DESTINATION ${documents}
         PATTERN build EXCLUDE PATTERN *.so EXCLUDE)
 
