@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "arbitration_support.h"
-#include "support/faults.h"
 
 namespace {
 
