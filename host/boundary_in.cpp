@@ -229,32 +229,31 @@ static Value infoOf(const VlanEditInfo *info)
     return info == nullptr ? Value() : fieldsOf(*info);
 }
 
-/* The profile id is there when the assignment succeeded; before, it need not be initialised. */
-static void addProfile(Value &results, const u16 *profileId)
+/* The module logs what it finds at the caller's place even when it puts nothing there. */
+static Value placeOf(const u16 *profileId)
 {
-    if (results["code"] == QOR_OK && profileId != nullptr) {
-        results["profile"] = *profileId;
-    }
+    return profileId == nullptr ? Value() : Value(*profileId);
 }
 
 static u32 assignVlan(VlanEditInfo *info, u16 *profileId, u32 flag)
 {
     return entered(
         "assignVlanEditProfile",
-        {{"info", infoOf(info)}, {"profile", profileId != nullptr}, {"flag", flag}},
+        {{"info", infoOf(info)}, {"profile", placeOf(profileId)}, {"flag", flag}},
         [&] { return s_table->assignVlanEditProfile(info, profileId, flag); },
-        [&](Value &results) { addProfile(results, profileId); });
+        [&](Value &results) { results["profile"] = placeOf(profileId); });
 }
 
 static Value playAssignVlan(const Value &arguments)
 {
     const Value &fields = arguments.at("info");
     auto info = structureIn<VlanEditInfo>(fields);
-    u16 profileId = 0;
-    u16 *const place = arguments.at("profile").get<bool>() ? &profileId : nullptr;
+    const bool place = !arguments.at("profile").is_null();
+    u16 profileId = place ? numberIn<u16>(arguments, "profile") : u16{0};
+    u16 *const given = place ? &profileId : nullptr;
     Value results = codeOf(filled(table().assignVlanEditProfile)(
-        fields.is_null() ? nullptr : &info, place, numberIn<u32>(arguments, "flag")));
-    addProfile(results, place);
+        fields.is_null() ? nullptr : &info, given, numberIn<u32>(arguments, "flag")));
+    results["profile"] = placeOf(given);
     return results;
 }
 

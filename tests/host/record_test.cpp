@@ -132,7 +132,6 @@ INSTANTIATE_TEST_SUITE_P(
                 R"("Stamp":99)",
                 {R"(expected:\n.*timestamp:200.*\ngot:\n.*timestamp:99)"},
                 differs},
-        EditRow{"OutputTooMany", R"("out":"notify")", R"("out":"nobody")", {"expected"}, differs},
         EditRow{"Version",
                 R"("version":1)",
                 R"("version":2)",
