@@ -83,7 +83,7 @@ static std::vector<std::string> choiceNames(const Function &function, std::strin
     for (const Param &param : function.params) {
         for (const Choice &choice : param.choices) {
             if (param.name == field) {
-                addMatching(names, word, std::string(choice.name) + before.back());
+                addMatching(names, word, choice.name); // the editor closes the quotes
             }
         }
     }

@@ -537,8 +537,9 @@ std::vector<Function> showFunctions()
          {json},
          "The simulated engine: a row of kind \"table\" for each count hook, and what is "
          "programmed, \"command\" and \"mapping\".",
-         "{{show, kind, table, total, used, idle, result | direction, kind, id, outer_tag, ... | "
-         "direction, kind, profile, format, command, overflow}, ...}",
+         "{{show, kind, table, total, used, idle, result | direction, kind, id, outer_tag, "
+         "inner_tag, outer_pri, inner_pri, outer_tpid, inner_tpid, outer_tpid_action, "
+         "inner_tpid_action | direction, kind, profile, format, command, overflow}, ...}",
          showEngine},
         {"show",
          "services",
