@@ -35,7 +35,7 @@ void Host::start(const Options &options)
         metrics.start(options.metrics, options.script, options.module);
     }
     inspector.attach(module, services.partition());
-    leftovers.remember(module, inspector);
+    leftovers.remember(module);
     engine.setVlanTranslation(
         [this](const VlanEditInfo &info, u16 profileId, u16 commandId, u32 flag) {
             return vlanEngine.program(&info, profileId, commandId, flag);

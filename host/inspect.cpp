@@ -124,6 +124,12 @@ std::vector<EntryState> Inspector::entries() const
 
 /* ---- memory ---- */
 
+/* The worker writes it when it starts. */
+u64 Inspector::queue() const
+{
+    return __atomic_load_n(queue_, __ATOMIC_ACQUIRE);
+}
+
 u64 Inspector::Memory::outsideTables() const
 {
     u64 tables = 0;
@@ -147,8 +153,13 @@ Inspector::Memory Inspector::memory() const
     memory.hashes = {stat("icib holders", icib_, true), stat("icib waiters", icib_, false),
                      stat("ipat holders", ipat_, true), stat("ipat waiters", ipat_, false)};
     ZIR_PartitionGetStat(partition_, &memory.stat);
-    memory.queued = QorEpollQueGetMsgNum(*queue_);
+    memory.queued = QorEpollQueGetMsgNum(queue());
     return memory;
+}
+
+bool Inspector::hasQueue() const
+{
+    return queue() != 0;
 }
 
 } // namespace host

@@ -67,6 +67,7 @@ public:
         u64 outsideTables() const; // bytes of the partition that no hash table accounts for
     };
     Memory memory() const;
+    bool hasQueue() const; // the worker makes it when it starts
 
 private:
     struct Table {
@@ -78,6 +79,7 @@ private:
     {
         return table == TokenTable::icib ? icib_ : ipat_;
     }
+    u64 queue() const;
     void collect(TokenTable which, std::vector<EntryState> &all) const;
 
     Table icib_, ipat_;

@@ -95,9 +95,21 @@ static void listVlan(const char *direction, const VlanTables &tables,
 
 /* ---- memory ---- */
 
+/* A script may be over before the worker has what it keeps; without it nothing can be told. */
+static void awaitWorker(const Inspector &inspector, u64 atStart)
+{
+    for (int look = 0; look < 1000; ++look) {
+        if (inspector.hasQueue() && inspector.memory().outsideTables() >= atStart) {
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 /* Bytes in use beyond what the started module has; the worker's messages come and go. */
 static u64 bytesKept(const Inspector &inspector, u64 atStart)
 {
+    awaitWorker(inspector, atStart);
     u64 least = ~u64{0};
     for (int look = 0; look < 20 && least != 0; ++look) {
         const u64 now = inspector.memory().outsideTables();
@@ -134,10 +146,8 @@ static void listMemory(const Inspector &inspector, u64 atStart,
 
 /* ---- all ---- */
 
-void Leftovers::remember(const Module &module, const Inspector &inspector)
+void Leftovers::remember(const Module &module)
 {
-    // The worker, which may still be starting, keeps a context for its queue.
-    bytes_ = std::max<u64>(inspector.memory().outsideTables(), sizeof(QorQueueContext));
     profiles_ = {takenProfiles(vlanTables(module, L2RES_VLAN_INGRESS)),
                  takenProfiles(vlanTables(module, L2RES_VLAN_EGRESS))};
 }
@@ -152,7 +162,8 @@ std::vector<std::string> Leftovers::list(const Module &module, const Inspector &
     }
     listVlan("ingress", vlanTables(module, L2RES_VLAN_INGRESS), profiles_[0], lines);
     listVlan("egress", vlanTables(module, L2RES_VLAN_EGRESS), profiles_[1], lines);
-    listMemory(inspector, bytes_, entries, lines);
+    // All that the worker keeps is a context for its queue.
+    listMemory(inspector, sizeof(QorQueueContext), entries, lines);
     return lines;
 }
 

@@ -20,7 +20,7 @@ namespace host {
 class Leftovers {
 public:
     /* Remembers how the started module looks before anybody uses it. */
-    void remember(const Module &module, const Inspector &inspector);
+    void remember(const Module &module);
 
     /* One line each, none when nothing is left. On the scenario's thread. */
     std::vector<std::string> list(const Module &module, const Inspector &inspector,
@@ -28,7 +28,6 @@ public:
 
 private:
     std::array<std::set<u32>, 2> profiles_; // taken from the start: ingress, egress
-    u64 bytes_ = 0; // of the partition, without the hash tables, in use from the start
 };
 
 /* The module's VLAN tables of a direction. */
