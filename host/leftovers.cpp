@@ -58,6 +58,9 @@ VlanTables vlanTables(const Module &module, u32 direction)
                 symbol("g_iveEditCommandItem", "g_eveEditCommandItem"))};
 }
 
+/* The ids below belong to certain services for good; they hold a mark, which may stay. */
+constexpr u32 firstGeneralProfile = 4;
+
 static std::set<u32> takenProfiles(const VlanTables &tables)
 {
     std::set<u32> taken;
@@ -74,8 +77,12 @@ static void listVlan(const char *direction, const VlanTables &tables,
 {
     std::set<u32> bare = takenProfiles(tables);
     const auto profile = [&](u32 id) {
-        return std::string("vlan ") + direction + ": profile " + std::to_string(id) + " (service " +
-               std::to_string(tables.profiles[id % L2RES_VLAN_PROFILE_COUNT]) + ")";
+        const std::string name =
+            std::string("vlan ") + direction + ": profile " + std::to_string(id);
+        return id < firstGeneralProfile
+                   ? name + " (reserved)"
+                   : name + " (service " +
+                         std::to_string(tables.profiles[id % L2RES_VLAN_PROFILE_COUNT]) + ")";
     };
     for (u32 i = 1; i < L2RES_VLAN_MAPPING_COUNT; ++i) {
         const VlanEditMapping &mapping = tables.mappings[i];
@@ -87,8 +94,8 @@ static void listVlan(const char *direction, const VlanTables &tables,
         }
     }
     for (u32 id : bare) {
-        if (!takenBefore.contains(id)) {
-            lines.push_back(profile(id) + " never released, without a mapping");
+        if (id >= firstGeneralProfile && !takenBefore.contains(id)) {
+            lines.push_back(profile(id) + " still taken, without a mapping");
         }
     }
 }

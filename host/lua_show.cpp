@@ -526,7 +526,8 @@ std::vector<Function> showFunctions()
          Style::named,
          {json},
          "What the module has booked of VLAN edits: rows of kind \"profile\" (with the owner's "
-         "service type), \"command\" and \"mapping\".",
+         "service type, or the mark 2 or 3 of the reserved ids 0..3), \"command\" and "
+         "\"mapping\".",
          "{{show, direction, kind, id, service | outer_tag, inner_tag, outer_pri, inner_pri, "
          "outer_tpid, inner_tpid, outer_tpid_action, inner_tpid_action | profile, format, "
          "command}, ...}",
