@@ -25,6 +25,7 @@
 #include "bench.h"
 #include "frame/memory.h"
 #include "frame/worker.h"
+#include "host/progress.h"
 #include "l2rsm_entry.h"
 #include "qor_epoll.h"
 #include "zir_memory.h"
@@ -226,6 +227,15 @@ double PrintTicks(const char *name, u32 type, double periodMs)
     return drift;
 }
 
+void WaitShowingProgress(int seconds)
+{
+    host::Progress progress("soak, seconds", static_cast<u64>(seconds));
+    for (int second = 0; second < seconds; ++second) {
+        progress.update(static_cast<u64>(second));
+        std::this_thread::sleep_until(g_start + std::chrono::seconds(second + 1));
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -249,7 +259,7 @@ int main(int argc, char **argv)
     clients.emplace_back(FightForEntries, module, u16{2});
     clients.emplace_back(PostMessages);
     clients.emplace_back(AssignProfiles, module);
-    std::this_thread::sleep_until(g_start + std::chrono::seconds(seconds));
+    WaitShowingProgress(seconds);
     g_stop = true;
     for (std::thread &client : clients) {
         client.join();
