@@ -68,7 +68,8 @@ u32 QorL2ResGetDbgLogLevel(u32 level, u32 *debugLevel, u32 *blackBoxLevel)
 namespace {
 
 // Apart from the log call, so that this costs a message that is not written next to nothing.
-__attribute__((noinline)) void Write(const LevelRow &row, const char *format, va_list arguments)
+__attribute__((noinline, format(printf, 2, 0))) void Write(const LevelRow &row, const char *format,
+                                                           va_list arguments)
 {
     char text[L2RES_LOG_SIZE] = {};
     if (vsnprintf_s(text, sizeof text, sizeof text - 1, format, arguments) < 0) {
