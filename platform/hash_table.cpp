@@ -2,18 +2,23 @@
  * Hash tables of fixed-size nodes.
  *
  * Two structures over the same nodes. Buckets lead from a key to a node: each is a contiguous array
- * of node addresses, and behind it an array of their keys' tags. A tag is made of the first bytes of
- * a key; a search looks at the nodes with the right tag only, and so mostly at one. Slabs hold the nodes in memory order, with two bits per node: taken (not in
- * the free list) and live (in the table). An iteration follows the slabs, not the buckets: a node
- * keeps its place in its slab, so neither a removal nor an insertion can shift the nodes still to
- * come, and a walk over many nodes reads memory forwards.
+ * of node addresses, and behind it an array of their keys' tags. A tag is made of those bits of a key
+ * that the compare function looks at; a search looks at the nodes with the right tag only, and so
+ * mostly at one. Slabs hold the nodes in memory order, each with its state behind it. An iteration
+ * follows the slabs, not the buckets: a node keeps its place in its slab, so neither a removal nor an
+ * insertion can shift the nodes still to come, and a walk over many nodes reads memory forwards.
+ *
+ * Searches and removals run beside whatever concerns other buckets. So they write nothing but their
+ * bucket, its nodes and a list of nodes given back; threads keep such lists apart, that no cache line
+ * travels between them for nothing.
  *
  * All memory comes from the table's partition through a memory handle of the tables' own. Slabs are
  * kept until the table is deleted; a bucket's array is given back when the bucket empties.
  */
 #include <algorithm>
-#include <bit>
+#include <atomic>
 #include <cstring>
+#include <new>
 #include <sanitizer/asan_interface.h>
 
 #include "hash_table.h"
@@ -21,11 +26,13 @@
 
 namespace {
 
-constexpr u32 BITS = 64;            /* in a word of a slab's bit maps */
+constexpr u64 LINE = 64;            /* bytes that travel together between processors */
 constexpr u32 FIRST_SLAB = 16;      /* nodes of a table's first slab */
 constexpr u64 SLAB_BYTES = 0x10000; /* a slab does not grow beyond (or is a single node) */
 constexpr u32 TAGS = 8;             /* compared at once */
 constexpr u32 WALK_AHEAD = 8;       /* nodes an iteration fetches ahead */
+constexpr u32 POOLS = 8;
+constexpr u32 KEY_WORDS = 8; /* of a key, at most, that its tag is made of */
 
 #if defined(__SANITIZE_ADDRESS__) || (defined(__clang__) && __has_feature(address_sanitizer))
 constexpr u32 NODE_GAP = 16; /* poisoned, so that writing beyond a node is found */
@@ -33,11 +40,12 @@ constexpr u32 NODE_GAP = 16; /* poisoned, so that writing beyond a node is found
 constexpr u32 NODE_GAP = 0;
 #endif
 
+/* Of a node, in the last bytes of its stride: given back, handed out, in the table. */
+enum : u64 { FREE, BUFFER, LIVE };
+
 struct Slab {
     Slab *next;           /* created after this one */
     unsigned char *nodes; /* the first node */
-    u64 *taken;
-    u64 *live;
     u32 nodeCount;
     u32 used; /* nodes from here on were never handed out */
 };
@@ -51,37 +59,53 @@ struct Bucket {
     u32 count;
     u32 capacity; /* of the array; 0: there is none */
 };
+constexpr u32 BUCKETS_PER_LINE = LINE / sizeof(Bucket);
+
+/*
+ * Nodes given back by the threads that share this pool, linked through their first bytes. Anyone adds
+ * to `returned`; whoever holds the table takes them all at once, and then has them to itself.
+ */
+struct alignas(LINE) Pool {
+    std::atomic<void *> returned;
+    void *taken;
+};
+
+/* Eight bytes of a key: which bits of them count, and what they contribute to its tag. */
+struct KeyWord {
+    u64 mask;
+    u64 factor;
+    u64 offset;
+};
 
 struct Table {
+    /* Read by everyone, written by nobody. */
     HASH_HashFunc hash;
     HASH_CompFunc compare;
     u32 memHandle;
     u32 nodeSize;
-    u32 stride; /* from one node to the next */
+    u32 stride; /* from one node to the next, its state included */
     u32 bucketCount;
+    u32 bucketStep; /* see bucketOf */
     u8 partition;
-    bool hasTags; /* else all tags are 0, and a search looks at every node of its bucket */
+    u8 keyWords; /* 0: unknown, and all tags are 0 */
+    KeyWord keyWord[KEY_WORDS];
+    void *memory; /* this table's, as allocated */
+    Bucket *buckets;
 
-    Slab *firstSlab;
+    Pool pools[POOLS];
+
+    /* Whoever holds the table. */
+    alignas(LINE) Slab *firstSlab;
     Slab *lastSlab;
     Slab **slabs; /* all, by address */
     u32 slabCount;
     u32 slabCapacity;
     u64 nodeCapacity; /* of all slabs */
-    void *freeNodes;  /* given back, linked through their first bytes */
-
     Slab *cursorSlab; /* the next iteration step looks from here on; null at the end */
     u32 cursorIndex;
     HASH_Element element;
 
-    HASH_Stat stat;
-    Bucket buckets[1]; /* bucketCount of them */
-};
-
-/* A node's place in its slab. */
-struct Place {
-    Slab *slab; /* null: not an address of a node */
-    u32 index;
+    alignas(LINE) std::atomic<u64> bytes;
 };
 
 Table *tableOf(HASH_Handle handle)
@@ -93,7 +117,7 @@ void *takeMemory(Table *table, u64 size)
 {
     void *memory = ZIR_MemAlloc(table->memHandle, table->partition, size);
     if (memory != nullptr) {
-        table->stat.bytes += size;
+        table->bytes.fetch_add(size, std::memory_order_relaxed);
     }
     return memory;
 }
@@ -102,36 +126,26 @@ void giveMemory(Table *table, void *memory, u64 size)
 {
     if (memory != nullptr) {
         (void)ZIR_MemFree(table->memHandle, memory);
-        table->stat.bytes -= size;
+        table->bytes.fetch_sub(size, std::memory_order_relaxed);
     }
 }
 
 /* ---- Slabs ---- */
 
-bool isSet(const u64 *map, u32 index)
+u64 *stateOf(const Table *table, void *node)
 {
-    return (map[index / BITS] >> index % BITS & 1) != 0;
-}
-
-void setBit(u64 *map, u32 index)
-{
-    map[index / BITS] |= 1ULL << index % BITS;
-}
-
-void clearBit(u64 *map, u32 index)
-{
-    map[index / BITS] &= ~(1ULL << index % BITS);
-}
-
-u32 mapWords(u32 nodeCount)
-{
-    return (nodeCount + BITS - 1) / BITS;
+    return reinterpret_cast<u64 *>(static_cast<unsigned char *>(node) + table->stride) - 1;
 }
 
 u64 slabSize(const Table *table, u32 nodeCount)
 {
-    return sizeof(Slab) + 2 * sizeof(u64) * mapWords(nodeCount) +
-           static_cast<u64>(nodeCount) * table->stride;
+    return sizeof(Slab) + LINE + static_cast<u64>(nodeCount) * table->stride;
+}
+
+/* Nodes that are as long as a cache line, as those of the ICIB holders are, have one to themselves. */
+unsigned char *nextLine(void *address)
+{
+    return static_cast<unsigned char *>(address) + (-reinterpret_cast<u64>(address) % LINE);
 }
 
 /* An eighth of what the table has, so that little is unused, within what one slab may be. */
@@ -167,14 +181,10 @@ bool addSlab(Table *table)
     if (slab == nullptr) {
         return false;
     }
-    const u32 words = mapWords(nodeCount);
     slab->next = nullptr;
-    slab->taken = reinterpret_cast<u64 *>(slab + 1);
-    slab->live = slab->taken + words;
-    slab->nodes = reinterpret_cast<unsigned char *>(slab->live + words);
+    slab->nodes = nextLine(slab + 1);
     slab->nodeCount = nodeCount;
     slab->used = 0;
-    std::fill_n(slab->taken, 2 * words, 0ULL);
     ASAN_POISON_MEMORY_REGION(slab->nodes, static_cast<size_t>(nodeCount) * table->stride);
 
     (table->lastSlab != nullptr ? table->lastSlab->next : table->firstSlab) = slab;
@@ -188,76 +198,124 @@ bool addSlab(Table *table)
     return true;
 }
 
-/* Finds the place of a node by its address alone: what is not a node is never looked into. */
-Place placeOf(const Table *table, const void *node)
+/* Whether it is a node, by its address alone: what is none is never looked into. */
+bool isNode(const Table *table, const void *data)
 {
-    const auto *address = static_cast<const unsigned char *>(node);
+    const auto *address = static_cast<const unsigned char *>(data);
     Slab *const *after = std::upper_bound(
         table->slabs, table->slabs + table->slabCount, address,
         [](const unsigned char *searched, const Slab *slab) { return searched < slab->nodes; });
     if (after == table->slabs) {
-        return {nullptr, 0};
+        return false;
     }
-    Slab *slab = after[-1];
+    const Slab *slab = after[-1];
     const u64 offset = static_cast<u64>(address - slab->nodes);
-    if (offset >= static_cast<u64>(slab->used) * table->stride || offset % table->stride != 0) {
-        return {nullptr, 0};
-    }
-    return {slab, static_cast<u32>(offset / table->stride)};
-}
-
-void *nodeAt(const Table *table, Place place)
-{
-    return place.slab->nodes + static_cast<u64>(place.index) * table->stride;
-}
-
-/* Takes a node given back before. */
-Place takeFreeNode(Table *table)
-{
-    void *node = table->freeNodes;
-    ASAN_UNPOISON_MEMORY_REGION(node, table->stride);
-    (void)memcpy(&table->freeNodes, node, sizeof(table->freeNodes));
-    ASAN_POISON_MEMORY_REGION(node, table->stride);
-    return placeOf(table, node);
-}
-
-/* Takes the next node of the newest slab: nodes taken in a row lie in a row. */
-Place takeFreshNode(Table *table)
-{
-    const Slab *slab = table->lastSlab;
-    if ((slab == nullptr || slab->used == slab->nodeCount) && !addSlab(table)) {
-        return {nullptr, 0};
-    }
-    return {table->lastSlab, table->lastSlab->used++};
-}
-
-void giveNodeBack(Table *table, Place place)
-{
-    void *node = nodeAt(table, place);
-    clearBit(place.slab->taken, place.index);
-    ASAN_UNPOISON_MEMORY_REGION(node, table->stride);
-    (void)memcpy(node, &table->freeNodes, sizeof(table->freeNodes));
-    ASAN_POISON_MEMORY_REGION(node, table->stride);
-    table->freeNodes = node;
+    return offset < static_cast<u64>(slab->used) * table->stride && offset % table->stride == 0;
 }
 
 /* A buffer that was handed out and is neither in the table nor given back. */
-bool isBuffer(Place place)
+bool isBuffer(const Table *table, void *data)
 {
-    return place.slab != nullptr && isSet(place.slab->taken, place.index) &&
-           !isSet(place.slab->live, place.index);
+    return isNode(table, data) && *stateOf(table, data) == BUFFER;
+}
+
+/* ---- Pools ---- */
+
+/* The running thread's: threads that start one after the other have different ones. */
+Pool *ownPool(Table *table)
+{
+    static std::atomic<u32> threads{0};
+    __attribute__((tls_model("initial-exec"))) thread_local u32 number = 0;
+    if (number == 0) {
+        number = ++threads;
+    }
+    return &table->pools[number % POOLS];
+}
+
+/* The link of a node in a pool. ASan sees to it that nobody else looks into such a node. */
+void setLink(const Table *table, void *node, void *next)
+{
+    ASAN_UNPOISON_MEMORY_REGION(node, sizeof(next));
+    (void)memcpy(node, &next, sizeof(next));
+    ASAN_POISON_MEMORY_REGION(node, table->stride - sizeof(u64));
+}
+
+void *linkOf(const Table *table, const void *node)
+{
+    void *next;
+    ASAN_UNPOISON_MEMORY_REGION(node, sizeof(next));
+    (void)memcpy(&next, node, sizeof(next));
+    ASAN_POISON_MEMORY_REGION(node, table->stride - sizeof(u64));
+    return next;
+}
+
+void giveNodeBack(Table *table, void *node)
+{
+    *stateOf(table, node) = FREE;
+    Pool *pool = ownPool(table);
+    void *first = pool->returned.load(std::memory_order_relaxed);
+    do {
+        setLink(table, node, first);
+    } while (!pool->returned.compare_exchange_weak(first, node, std::memory_order_release,
+                                                   std::memory_order_relaxed));
+}
+
+/* A node given back before, by a thread of that pool; null when there is none. */
+void *takeFrom(const Table *table, Pool *pool)
+{
+    if (pool->taken == nullptr) {
+        pool->taken = pool->returned.exchange(nullptr, std::memory_order_acquire);
+    }
+    void *node = pool->taken;
+    if (node != nullptr) {
+        pool->taken = linkOf(table, node);
+    }
+    return node;
+}
+
+/* The next node of the newest slab, or null: nodes taken in a row lie in a row. */
+void *takeFresh(Table *table)
+{
+    Slab *slab = table->lastSlab;
+    if (slab == nullptr || slab->used == slab->nodeCount) {
+        return nullptr;
+    }
+    void *node = slab->nodes + static_cast<u64>(slab->used++) * table->stride;
+    ASAN_UNPOISON_MEMORY_REGION(stateOf(table, node), sizeof(u64));
+    return node;
+}
+
+/* Before the table grows, what other threads gave back is used up. */
+void *takeNode(Table *table)
+{
+    void *node = takeFrom(table, ownPool(table));
+    if (node == nullptr) {
+        node = takeFresh(table);
+    }
+    for (u32 i = 0; node == nullptr && i < POOLS; ++i) {
+        node = takeFrom(table, &table->pools[i]);
+    }
+    return node != nullptr || !addSlab(table) ? node : takeFresh(table);
 }
 
 /* ---- Buckets ---- */
 
+/* Neighbouring hashes lie on different cache lines: neighbours are often different threads'. */
+Bucket *bucketOf(const Table *table, u32 hash)
+{
+    return &table->buckets[hash % BUCKETS_PER_LINE * table->bucketStep + hash / BUCKETS_PER_LINE];
+}
+
 u16 tagOf(const Table *table, const void *key)
 {
-    if (!table->hasTags) {
-        return 0;
+    u64 sum = 0;
+    for (u32 i = 0; i < table->keyWords; ++i) {
+        const KeyWord &part = table->keyWord[i];
+        u64 word;
+        (void)memcpy(&word, static_cast<const unsigned char *>(key) + part.offset, sizeof(word));
+        sum += (word & part.mask) * part.factor;
     }
-    u64 head;
-    (void)memcpy(&head, key, sizeof(head));
-    return static_cast<u16>(head * 0x9E3779B97F4A7C15 >> 48);
+    return static_cast<u16>(sum >> 48);
 }
 
 void **entriesOf(Bucket *bucket)
@@ -340,13 +398,10 @@ bool anyTag(const u16 *tags, u16 tag)
     return (halves[0] | halves[1]) != 0;
 }
 
-/* The index of the entry for the node with that key, or the entry count when there is none. */
-u32 findEntry(const Table *table, Bucket *bucket, const void *key)
+/* Apart from findEntry, that a bucket with a single entry does not pay for it. */
+__attribute__((noinline)) u32 findTagged(const Table *table, const Bucket *bucket, const void *key)
 {
     const u32 count = bucket->count;
-    if (bucket->capacity == 0) {
-        return count != 0 && table->compare(key, bucket->single) != 0 ? 0 : count;
-    }
     const u16 tag = tagOf(table, key);
     const u16 *tags = tagsOf(bucket);
     for (u32 i = 0; i < count;) {
@@ -363,6 +418,15 @@ u32 findEntry(const Table *table, Bucket *bucket, const void *key)
     return count;
 }
 
+/* The index of the entry for the node with that key, or the entry count when there is none. */
+u32 findEntry(const Table *table, const Bucket *bucket, const void *key)
+{
+    if (bucket->capacity != 0) {
+        return findTagged(table, bucket, key);
+    }
+    return bucket->count != 0 && table->compare(key, bucket->single) != 0 ? 0 : bucket->count;
+}
+
 /* The bucket entry of a key. */
 struct Position {
     Bucket *bucket;
@@ -376,7 +440,7 @@ Position findKey(Table *table, const void *key)
     if (hash >= table->bucketCount) {
         return {nullptr, 0, false};
     }
-    Bucket *bucket = &table->buckets[hash];
+    Bucket *bucket = bucketOf(table, hash);
     const u32 index = findEntry(table, bucket, key);
     return {bucket, index, index < bucket->count};
 }
@@ -388,22 +452,71 @@ HASH_Element *nextElement(Table *table)
     for (; table->cursorSlab != nullptr; table->cursorSlab = table->cursorSlab->next) {
         const Slab *slab = table->cursorSlab;
         while (table->cursorIndex < slab->used) {
-            const u32 index = table->cursorIndex;
-            const u64 live = slab->live[index / BITS] >> index % BITS;
-            if (live != 0) {
-                const u32 found = index + static_cast<u32>(std::countr_zero(live));
-                table->cursorIndex = found + 1;
-                unsigned char *node = slab->nodes + static_cast<u64>(found) * table->stride;
-                /* The end of a node to come: a walk looks at the bookkeeping behind the keys. */
-                __builtin_prefetch(node + static_cast<u64>(WALK_AHEAD) * table->stride - 1);
+            unsigned char *node =
+                slab->nodes + static_cast<u64>(table->cursorIndex++) * table->stride;
+            /* The end of a node to come: a walk looks at the bookkeeping behind the keys. */
+            __builtin_prefetch(node + static_cast<u64>(WALK_AHEAD) * table->stride - sizeof(u64));
+            if (*stateOf(table, node) == LIVE) {
                 table->element.node = node;
                 return &table->element;
             }
-            table->cursorIndex = (index / BITS + 1) * BITS;
         }
         table->cursorIndex = 0;
     }
     return nullptr;
+}
+
+/* ---- What counts of a key ---- */
+
+/*
+ * Sets the bits of `mask` by which two keys differ: `a` and `b` are all 0, and one bit at a time is
+ * set in `b`. Returns the bytes of a key that are known for sure, and so may be read of any key.
+ */
+u32 learnMask(HASH_CompFunc compare, const unsigned char *a, unsigned char *b, u32 size,
+              unsigned char *mask)
+{
+    u32 known = 0;
+    for (u32 i = 0; i < size; ++i) {
+        for (u32 bit = 1; bit < 0x100; bit <<= 1) {
+            b[i] = static_cast<unsigned char>(bit);
+            if (compare(a, b) == 0) {
+                mask[i] = static_cast<unsigned char>(mask[i] | bit);
+                known = i + 1;
+            }
+        }
+        b[i] = 0;
+    }
+    return known;
+}
+
+/* A key with less than a word is left unknown. */
+void setKeyWords(Table *table, const unsigned char *mask, u32 known)
+{
+    u64 factor = 1;
+    for (u32 begin = 0; begin < known && known >= sizeof(u64); begin += sizeof(u64)) {
+        KeyWord &word = table->keyWord[table->keyWords];
+        /* Nothing is read beyond the end: the last word may overlap the one before. */
+        word.offset = std::min<u64>(begin, known - sizeof(u64));
+        (void)memcpy(&word.mask, mask + word.offset, sizeof(u64));
+        word.factor = factor *= 0x9E3779B97F4A7C15;
+        table->keyWords = static_cast<u8>(table->keyWords + (word.mask != 0));
+    }
+}
+
+bool learnKey(Table *table)
+{
+    const u32 nodeSize = table->nodeSize;
+    auto *keys = static_cast<unsigned char *>(takeMemory(table, 2ULL * nodeSize));
+    if (keys == nullptr) {
+        return false;
+    }
+    (void)memset(keys, 0, 2ULL * nodeSize);
+    unsigned char mask[KEY_WORDS * sizeof(u64)] = {};
+    const u32 known = learnMask(table->compare, keys, keys + nodeSize,
+                                std::min(nodeSize, static_cast<u32>(sizeof(mask))), mask);
+    setKeyWords(table, mask, known);
+    giveMemory(table, keys, 2ULL * nodeSize);
+    return true;
 }
 
 } // namespace
@@ -417,22 +530,31 @@ HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_Has
         ZIR_HandleInitialize("qor-hash", &memHandle) != QOR_OK) {
         return nullptr;
     }
-    const u64 size = sizeof(Table) + (bucketCount - 1ULL) * sizeof(Bucket);
-    auto *table = static_cast<Table *>(ZIR_MemAlloc(memHandle, partition, size));
-    if (table == nullptr) {
+    const u32 bucketStep = (bucketCount + BUCKETS_PER_LINE - 1) / BUCKETS_PER_LINE;
+    const u64 size = sizeof(Table) + bucketStep * LINE + LINE;
+    void *memory = ZIR_MemAlloc(memHandle, partition, size);
+    if (memory == nullptr) {
         return nullptr;
     }
-    (void)memset(static_cast<void *>(table), 0, size);
+    (void)memset(memory, 0, size);
+    auto *table = new (nextLine(memory)) Table{};
+    table->memory = memory;
+    table->buckets = reinterpret_cast<Bucket *>(table + 1);
     table->hash = hash;
     table->compare = compare;
     table->memHandle = memHandle;
     table->nodeSize = nodeSize;
     /* Eight bytes are what a free node's link needs and what any field's alignment asks for. */
-    table->stride = (nodeSize + NODE_GAP + 7) / 8 * 8;
+    table->stride = (nodeSize + NODE_GAP + 7) / 8 * 8 + static_cast<u32>(sizeof(u64));
     table->bucketCount = bucketCount;
+    table->bucketStep = bucketStep;
     table->partition = partition;
-    table->hasTags = option != HASH_ANY_KEY && nodeSize >= sizeof(u64);
-    table->stat.bytes = size;
+    table->bytes = size;
+    if (option != HASH_ANY_KEY && !learnKey(table)) {
+        HASH_Handle handle = table;
+        HASH_DeleteHash(&handle);
+        return nullptr;
+    }
     return table;
 }
 
@@ -440,16 +562,11 @@ void *HASH_NewData(HASH_Handle handle, u32 option)
 {
     (void)option;
     Table *table = tableOf(handle);
-    if (table == nullptr) {
+    void *node = table != nullptr ? takeNode(table) : nullptr;
+    if (node == nullptr) {
         return nullptr;
     }
-    const Place place = table->freeNodes != nullptr ? takeFreeNode(table) : takeFreshNode(table);
-    if (place.slab == nullptr) {
-        return nullptr;
-    }
-    setBit(place.slab->taken, place.index);
-    ++table->stat.buffers;
-    void *node = nodeAt(table, place);
+    *stateOf(table, node) = BUFFER;
     ASAN_UNPOISON_MEMORY_REGION(node, table->nodeSize);
     return node;
 }
@@ -457,34 +574,25 @@ void *HASH_NewData(HASH_Handle handle, u32 option)
 void HASH_FreeData(HASH_Handle handle, void *data)
 {
     Table *table = tableOf(handle);
-    const Place place = table != nullptr ? placeOf(table, data) : Place{};
     /* A node of the table, or one given back before, is left alone. */
-    if (!isBuffer(place)) {
-        return;
+    if (table != nullptr && isBuffer(table, data)) {
+        giveNodeBack(table, data);
     }
-    giveNodeBack(table, place);
-    --table->stat.buffers;
 }
 
 u32 HASH_AddNode(HASH_Handle handle, const void *key, void *data, u32 option)
 {
     (void)option;
     Table *table = tableOf(handle);
-    if (table == nullptr || key == nullptr || data == nullptr) {
-        return QOR_FAIL;
-    }
-    const Place place = placeOf(table, data);
-    if (!isBuffer(place)) {
+    if (table == nullptr || key == nullptr || data == nullptr || !isBuffer(table, data)) {
         return QOR_FAIL;
     }
     const u32 hash = table->hash(key);
-    if (hash >= table->bucketCount || !reserveEntry(table, &table->buckets[hash])) {
+    if (hash >= table->bucketCount || !reserveEntry(table, bucketOf(table, hash))) {
         return QOR_FAIL;
     }
-    addEntry(table, &table->buckets[hash], data);
-    setBit(place.slab->live, place.index);
-    --table->stat.buffers;
-    ++table->stat.nodes;
+    addEntry(table, bucketOf(table, hash), data);
+    *stateOf(table, data) = LIVE;
     return QOR_OK;
 }
 
@@ -509,11 +617,9 @@ u32 HASH_RemoveElmtByKey(HASH_Handle handle, const void *key)
         return QOR_FAIL;
     }
     /* `key` may be the node's own: it is not read any more from here on. */
-    const Place place = placeOf(table, entriesOf(position.bucket)[position.index]);
+    void *node = entriesOf(position.bucket)[position.index];
     removeEntry(table, position.bucket, position.index);
-    clearBit(place.slab->live, place.index);
-    giveNodeBack(table, place);
-    --table->stat.nodes;
+    giveNodeBack(table, node);
     return QOR_OK;
 }
 
@@ -539,27 +645,37 @@ void HASH_DeleteHash(HASH_Handle *handle)
     if (table == nullptr) {
         return;
     }
-    for (u32 i = 0; i < table->bucketCount; ++i) {
-        if (table->buckets[i].capacity != 0) {
-            (void)ZIR_MemFree(table->memHandle, table->buckets[i].array);
-        }
+    for (u32 hash = 0; hash < table->bucketCount; ++hash) {
+        giveArray(table, bucketOf(table, hash));
     }
-    for (u32 i = 0; i < table->slabCount; ++i) {
-        Slab *slab = table->slabs[i];
-        ASAN_UNPOISON_MEMORY_REGION(slab->nodes,
-                                    static_cast<size_t>(slab->nodeCount) * table->stride);
-        (void)ZIR_MemFree(table->memHandle, slab);
+    for (Slab *slab = table->firstSlab; slab != nullptr;) {
+        Slab *next = slab->next;
+        const u64 size = slabSize(table, slab->nodeCount);
+        ASAN_UNPOISON_MEMORY_REGION(slab, size);
+        giveMemory(table, slab, size);
+        slab = next;
     }
-    if (table->slabs != nullptr) {
-        (void)ZIR_MemFree(table->memHandle, table->slabs);
-    }
-    (void)ZIR_MemFree(table->memHandle, table);
+    giveMemory(table, table->slabs, table->slabCapacity * sizeof(Slab *));
+    (void)ZIR_MemFree(table->memHandle, table->memory);
     *handle = nullptr;
 }
 
 void HASH_GetStat(HASH_Handle handle, HASH_Stat *stat)
 {
-    if (stat != nullptr) {
-        *stat = handle != nullptr ? tableOf(handle)->stat : HASH_Stat{};
+    if (stat == nullptr) {
+        return;
+    }
+    *stat = {};
+    const Table *table = tableOf(handle);
+    if (table == nullptr) {
+        return;
+    }
+    stat->bytes = table->bytes;
+    for (const Slab *slab = table->firstSlab; slab != nullptr; slab = slab->next) {
+        for (u32 i = 0; i < slab->used; ++i) {
+            const u64 state = *stateOf(table, slab->nodes + static_cast<u64>(i) * table->stride);
+            stat->nodes += state == LIVE;
+            stat->buffers += state == BUFFER;
+        }
     }
 }

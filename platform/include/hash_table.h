@@ -2,9 +2,12 @@
  * Hash tables of fixed-size nodes in a memory partition.
  *
  * A node is a buffer of nodeSize bytes that begins with its key. It never moves while it is in the
- * table. Nodes stand in slabs of the partition; each bucket is a contiguous array of node
- * addresses. The table takes no lock: callers guard it. It remembers one iteration position, which
- * tolerates the removal of any node, the current one included, and insertions.
+ * table. It remembers one iteration position, which tolerates the removal of any node, the current
+ * one included, and insertions.
+ *
+ * Threads: the table takes no lock. Searches and removals may run at any time, beside each other and
+ * beside all but an iteration, HASH_GetStat and HASH_DeleteHash. Of the other calls one runs at a
+ * time. In any case no two calls at a time may concern keys of the same bucket.
  */
 #ifndef HASH_TABLE_H
 #define HASH_TABLE_H
@@ -26,9 +29,10 @@ typedef struct {
  * A new table, or null: a null function, node size 0 or above 64 KB, bucket count 0, an unknown
  * option, no memory.
  *
- * option 0: a key has at least 8 bytes, and keys that compare equal are equal in their first 8; the
- * table tells most keys apart by these, without a call of `compare`. HASH_ANY_KEY: nothing is known
- * of the keys but what `compare` says.
+ * option 0: two keys are equal when certain bits of theirs are, whatever their values. The table finds
+ * out which by comparing keys that differ in one bit (a node's bytes, else all 0), and tells most
+ * keys apart without a call of `compare`. HASH_ANY_KEY: nothing is known of the keys but what
+ * `compare` says.
  */
 enum { HASH_ANY_KEY = 1 };
 QOR_API HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_HashFunc hash,

@@ -1,6 +1,8 @@
+#include <barrier>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <map>
+#include <mutex>
 #include <random>
 #include <set>
 
@@ -199,6 +201,48 @@ TEST(HashTableTest, IterationToleratesRemovalAndInsertion)
             }
         }
     }
+}
+
+/*
+ * Threads with buckets of their own: they share a mutex for additions only. Each removes what the one
+ * before it has added, so that nodes travel; the table must not grow for it.
+ */
+TEST(HashTableTest, BucketsOfDifferentThreadsDoNotMeet)
+{
+    constexpr u32 THREADS = 3, ROUNDS = 30, TAILS = 40;
+    HASH_Handle table = create(THREADS * TAILS);
+    std::mutex additions;
+    std::barrier rounds(THREADS);
+    u64 bytes[ROUNDS];
+    onThreads(THREADS, [&](u32 self) {
+        for (u32 round = 0; round < ROUNDS; ++round) {
+            const u32 mine = (self + round) % THREADS;
+            for (u32 i = 0; i < TAILS * 3; ++i) {
+                const Key key = {round, i / 3 * THREADS + mine, i % 3};
+                if (i % 3 == 0) {
+                    const std::lock_guard lock(additions);
+                    add(table, key.head, key.tail, 77);
+                }
+                const auto *node = static_cast<Node *>(HASH_FindElmtFromFirst(table, &key));
+                ASSERT_NE(node, nullptr);
+                EXPECT_EQ(node->value, 77U);
+                if (round > 0) {
+                    const Key old = {round - 1, key.tail, 0};
+                    EXPECT_EQ(HASH_RemoveElmtByKey(table, &old), i % 3 == 0 ? 0U : 1U);
+                }
+            }
+            rounds.arrive_and_wait();
+            if (self == 0) {
+                HASH_Stat stat;
+                HASH_GetStat(table, &stat);
+                EXPECT_EQ(stat.nodes, THREADS * TAILS);
+                bytes[round] = stat.bytes;
+            }
+            rounds.arrive_and_wait();
+        }
+    });
+    EXPECT_EQ(bytes[ROUNDS - 1], bytes[ROUNDS / 2]);
+    deleteAndExpectNothingLeft(table);
 }
 
 TEST(HashTableTest, RefusesBadArguments)
