@@ -149,7 +149,7 @@ u32 QorL2ResIcibGet(const L2ResIcibKey *key, L2ResQueryEntry *entries, u16 *coun
         return QOR_FAIL;
     }
     u16 filled = 0;
-    const Holder holder = FindHolder(kIcibTable, key);
+    const Holder holder = QueryHolder(kIcibTable, key);
     if (holder.exists) {
         QorL2ResIcibSet(&entries[filled++], &holder.record, 0);
     } else {

@@ -6,18 +6,26 @@
 
 namespace {
 
-inline L2ResOpRecord *FindRecord(const CommonTable &table, const void *key)
-    QOR_REQUIRES(*table.opMutex)
+// Where an entry's record and release count belong.
+struct Place {
+    ZIR_Mutex *mutex;
+    u32 *releases;
+};
+
+inline Place PlaceOf(const CommonTable &table, const void *key)
+{
+    const u32 bucket = table.hash(key);
+    OpStripe &stripe = table.opStripes[bucket % kOpStripes];
+    return {&stripe.mutex, &stripe.releases[bucket / kOpStripes]};
+}
+
+inline L2ResOpRecord *FindRecord(const CommonTable &table, [[maybe_unused]] const Place &place,
+                                 const void *key) QOR_REQUIRES(*place.mutex)
 {
     void *node = HASH_FindElmtFromFirst(*table.opHash, key);
     return node != nullptr
                ? reinterpret_cast<L2ResOpRecord *>(static_cast<u8 *>(node) + table.opRecordOffset)
                : nullptr;
-}
-
-inline u32 &Releases(const CommonTable &table, const void *key) QOR_REQUIRES(*table.opMutex)
-{
-    return table.releases[table.hash(key)];
 }
 
 inline bool SameRecord(const L2ResOpRecord &a, const L2ResOpRecord &b)
@@ -79,21 +87,45 @@ L2ResOpRecord *SearchOpRecord(const CommonTable &table, const void *key) QOR_NO_
     if (key == nullptr) {
         return nullptr;
     }
-    L2ResOpRecord *record = FindRecord(table, key);
+    L2ResOpRecord *record = FindRecord(table, PlaceOf(table, key), key);
     WriteSearch(table, key, record);
     return record;
 }
 
-Holder FindHolder(const CommonTable &table, const void *key)
+namespace {
+
+Holder CopyHolder(const CommonTable &table, const Place &place, const void *key)
+    QOR_REQUIRES(*place.mutex)
 {
     Holder holder = {};
-    ZIR_MutexLock(table.opMutex);
-    if (const L2ResOpRecord *record = FindRecord(table, key)) {
+    if (const L2ResOpRecord *record = FindRecord(table, place, key)) {
         holder.exists = true;
         holder.record = *record;
     }
-    holder.releases = Releases(table, key);
+    holder.releases = *place.releases;
+    return holder;
+}
+
+} // namespace
+
+Holder FindHolder(const CommonTable &table, const void *key)
+{
+    const Place place = PlaceOf(table, key);
+    ZIR_MutexLock(place.mutex);
+    const Holder holder = CopyHolder(table, place, key);
+    ZIR_MutexUnlock(place.mutex);
+    WriteSearch(table, key, holder.exists ? &holder.record : nullptr);
+    return holder;
+}
+
+Holder QueryHolder(const CommonTable &table, const void *key)
+{
+    const Place place = PlaceOf(table, key);
+    ZIR_MutexLock(place.mutex);
+    ZIR_MutexLock(table.opMutex);
+    const Holder holder = CopyHolder(table, place, key);
     ZIR_MutexUnlock(table.opMutex);
+    ZIR_MutexUnlock(place.mutex);
     WriteSearch(table, key, holder.exists ? &holder.record : nullptr);
     return holder;
 }
@@ -146,24 +178,31 @@ u32 Insert(const CommonTable &table, const void *key, const L2ResOpRecord &recor
 Replacement Store(const CommonTable &table, const void *key, const L2ResOpRecord &record,
                   Holder *judged)
 {
+    const Place place = PlaceOf(table, key);
     StoreReport report = {};
+    ZIR_MutexLock(place.mutex);
     ZIR_MutexLock(table.opMutex);
-    L2ResOpRecord *stored = FindRecord(table, key);
+    L2ResOpRecord *stored = FindRecord(table, place, key);
     if (stored != nullptr) {
         report.existed = true;
         report.before = *stored;
     }
+    bool overtaken = false;
+    u32 ret = QOR_OK;
     if (judged != nullptr) {
-        if (judged->exists != report.existed ||
-            (report.existed && !SameRecord(judged->record, report.before))) {
-            ZIR_MutexUnlock(table.opMutex);
-            return Replacement::overtaken;
-        }
-        judged->releases = Releases(table, key);
+        overtaken = judged->exists != report.existed ||
+                    (report.existed && !SameRecord(judged->record, report.before));
+        judged->releases = overtaken ? judged->releases : *place.releases;
     }
-    const u32 ret = report.existed ? Overwrite(table, stored, record, &report)
-                                   : Insert(table, key, record, &report);
+    if (!overtaken) {
+        ret = report.existed ? Overwrite(table, stored, record, &report)
+                             : Insert(table, key, record, &report);
+    }
     ZIR_MutexUnlock(table.opMutex);
+    ZIR_MutexUnlock(place.mutex);
+    if (overtaken) {
+        return Replacement::overtaken;
+    }
 
     WriteSearch(table, key, report.existed ? &report.before : nullptr);
     WriteFailure(table, report.failure);
@@ -192,29 +231,33 @@ u32 RemoveOpRecord(const CommonTable &table, const void *key)
     if (key == nullptr) {
         return QOR_FAIL;
     }
-    ZIR_MutexLock(table.opMutex);
+    const Place place = PlaceOf(table, key);
+    ZIR_MutexLock(place.mutex);
     const u32 ret = HASH_RemoveElmtByKey(*table.opHash, key);
-    ++Releases(table, key);
-    ZIR_MutexUnlock(table.opMutex);
+    ++*place.releases;
+    ZIR_MutexUnlock(place.mutex);
     WriteRemoved(table, key, ret);
     return ret;
 }
 
 bool MarkReleased(const CommonTable &table, const void *key)
 {
+    const Place place = PlaceOf(table, key);
     StoreReport report = {};
     L2ResOpRecord released = {};
+    ZIR_MutexLock(place.mutex);
     ZIR_MutexLock(table.opMutex);
-    L2ResOpRecord *stored = FindRecord(table, key);
+    L2ResOpRecord *stored = FindRecord(table, place, key);
     if (stored != nullptr) {
         report.existed = true;
         report.before = *stored;
         released = *stored;
         released.Used = 0;
         (void)Overwrite(table, stored, released, &report);
-        ++Releases(table, key);
+        ++*place.releases;
     }
     ZIR_MutexUnlock(table.opMutex);
+    ZIR_MutexUnlock(place.mutex);
 
     WriteSearch(table, key, report.existed ? &report.before : nullptr);
     if (!report.existed) {
@@ -228,16 +271,17 @@ bool MarkReleased(const CommonTable &table, const void *key)
 
 bool RemoveReleased(const CommonTable &table, const void *key, u32 *ret)
 {
+    const Place place = PlaceOf(table, key);
     L2ResOpRecord before = {};
-    ZIR_MutexLock(table.opMutex);
-    const L2ResOpRecord *stored = FindRecord(table, key);
+    ZIR_MutexLock(place.mutex);
+    const L2ResOpRecord *stored = FindRecord(table, place, key);
     const bool existed = stored != nullptr;
     if (existed) {
         before = *stored;
         *ret = HASH_RemoveElmtByKey(*table.opHash, key);
-        ++Releases(table, key);
+        ++*place.releases;
     }
-    ZIR_MutexUnlock(table.opMutex);
+    ZIR_MutexUnlock(place.mutex);
 
     WriteSearch(table, key, existed ? &before : nullptr);
     if (existed) {
@@ -248,8 +292,26 @@ bool RemoveReleased(const CommonTable &table, const void *key, u32 *ret)
 
 bool ReleasedSince(const CommonTable &table, const void *key, const Holder &judged)
 {
-    ZIR_MutexLock(table.opMutex);
-    const bool released = Releases(table, key) != judged.releases;
-    ZIR_MutexUnlock(table.opMutex);
+    const Place place = PlaceOf(table, key);
+    ZIR_MutexLock(place.mutex);
+    const bool released = *place.releases != judged.releases;
+    ZIR_MutexUnlock(place.mutex);
     return released;
+}
+
+// A loop over mutexes is beyond the analysis.
+void LockOpTable(const CommonTable &table) QOR_NO_THREAD_SAFETY
+{
+    for (u32 i = 0; i < kOpStripes; ++i) {
+        ZIR_MutexLock(&table.opStripes[i].mutex);
+    }
+    ZIR_MutexLock(table.opMutex);
+}
+
+void UnlockOpTable(const CommonTable &table) QOR_NO_THREAD_SAFETY
+{
+    ZIR_MutexUnlock(table.opMutex);
+    for (u32 i = 0; i < kOpStripes; ++i) {
+        ZIR_MutexUnlock(&table.opStripes[i].mutex);
+    }
 }

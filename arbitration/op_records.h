@@ -19,6 +19,9 @@ L2ResOpRecord *SearchOpRecord(const CommonTable &table, const void *key);
 
 Holder FindHolder(const CommonTable &table, const void *key);
 
+/* The same for a query, which whoever holds the table's mutex keeps waiting as he does writers. */
+Holder QueryHolder(const CommonTable &table, const void *key);
+
 /* Inserts or overwrites whatever is there: 0 or 1. */
 u32 StoreOpRecord(const CommonTable &table, const void *key, const L2ResOpRecord &record);
 
@@ -41,5 +44,9 @@ bool RemoveReleased(const CommonTable &table, const void *key, u32 *ret);
 
 /* Was a token of the entry (or of one in its bucket) freed since `judged` was looked up? */
 bool ReleasedSince(const CommonTable &table, const void *key, const Holder &judged);
+
+/* All mutexes of the table's op records. */
+void LockOpTable(const CommonTable &table);
+void UnlockOpTable(const CommonTable &table);
 
 #endif

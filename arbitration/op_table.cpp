@@ -2,6 +2,7 @@
 
 #include "arbitration/icib.h"
 #include "arbitration/ipat.h"
+#include "arbitration/op_records.h"
 #include "frame/dbg_log.h"
 #include "l2rsm_registry.h"
 
@@ -91,5 +92,34 @@ void QorL2ResHashDestroy(HASH_Handle handle)
 {
     if (handle != nullptr) {
         HASH_DeleteHash(&handle);
+    }
+}
+
+namespace {
+
+const CommonTable *TableOf(u32 tableId)
+{
+    static constexpr const CommonTable *kTables[] = {&kIcibTable, &kIpatTable};
+    for (const CommonTable *table : kTables) {
+        if (table->tableId == tableId) {
+            return table;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+void QorL2ResOpRecordsLock(u32 tableId)
+{
+    if (const CommonTable *table = TableOf(tableId)) {
+        LockOpTable(*table);
+    }
+}
+
+void QorL2ResOpRecordsUnlock(u32 tableId)
+{
+    if (const CommonTable *table = TableOf(tableId)) {
+        UnlockOpTable(*table);
     }
 }

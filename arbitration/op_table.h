@@ -35,6 +35,13 @@ QOR_API u32 QorL2ResHashTblInit(void);
 /* Deletes a table unless null. For other components; the module keeps its tables for ever. */
 QOR_API void QorL2ResHashDestroy(HASH_Handle handle);
 
+/*
+ * Keep the op records of a table still, for those who look into its hash table themselves. While they
+ * are locked, no other thread reads or changes any. An unknown table id: nothing happens.
+ */
+QOR_API void QorL2ResOpRecordsLock(u32 tableId);
+QOR_API void QorL2ResOpRecordsUnlock(u32 tableId);
+
 QOR_END_C
 
 #endif

@@ -21,8 +21,9 @@ HASH_Handle g_ipatReOpRecordHash = nullptr;
 
 namespace {
 
-u32 g_icibReleases[kBucketCount];
-u32 g_ipatReleases[kBucketCount];
+// Their mutexes need no initialisation: a zeroed one is free.
+OpStripe g_icibOpStripes[kOpStripes];
+OpStripe g_ipatOpStripes[kOpStripes];
 u32 g_icibLastSerial;
 u32 g_ipatLastSerial;
 u32 g_icibWaitNodes;
@@ -390,9 +391,9 @@ constinit const CommonTable kIcibTable = {
     .compare = QorL2ResIcibCompFunc,
     .opHash = &g_icibOpRecordHash,
     .opMutex = &g_icibOpRecordMutex,
+    .opStripes = g_icibOpStripes,
     .waitHash = &g_icibReOpRecordHash,
     .waitMutex = &g_icibReOpRecordMutex,
-    .releases = g_icibReleases,
     .lastSerial = &g_icibLastSerial,
     .waitNodes = &g_icibWaitNodes,
     .createOpFailed = "Create ICIB CommTblOp HashTable Failed.",
@@ -416,9 +417,9 @@ constinit const CommonTable kIpatTable = {
     .compare = QorL2ResIpatCompFunc,
     .opHash = &g_ipatOpRecordHash,
     .opMutex = &g_ipatOpRecordMutex,
+    .opStripes = g_ipatOpStripes,
     .waitHash = &g_ipatReOpRecordHash,
     .waitMutex = &g_ipatReOpRecordMutex,
-    .releases = g_ipatReleases,
     .lastSerial = &g_ipatLastSerial,
     .waitNodes = &g_ipatWaitNodes,
     .createOpFailed = "Create IPAT CommTblOp HashTable Failed.",

@@ -8,6 +8,9 @@
  * How one entry's requests stay exact between threads:
  *   - A request is judged against a copy of the holder's record. It replaces the record only if that
  *     is still the one it was judged against, else it is judged again.
+ *   - A stripe's mutex guards what belongs to its buckets: their records and their release counts.
+ *     Whoever inserts or overwrites a record takes the table's mutex then, which guards what all
+ *     buckets share. So requests for different entries meet in one short hold only.
  *   - Every release of a token counts up its bucket's `releases`. A request that was told to wait is
  *     recorded first and looks at the count then: had a release come in between, it is taken back
  *     and judged again, unless that release has notified it already.
@@ -16,7 +19,7 @@
  *   - A release claims the entry's waiting requests, calls back with no lock held, and removes them
  *     in the same hold of the mutex that found no further one. Whoever meets a claimed entry leaves
  *     it to the claimer; requests appended meanwhile are notified by the claimer too.
- *   - No code holds both mutexes; foreign code runs under none but in the ICIB walk.
+ *   - No code holds mutexes of op records and of waiting requests at once; foreign code runs under none but in the ICIB walk.
  * Messages are written with no mutex held, in the order of the steps they report.
  */
 #ifndef ARBITRATION_TABLES_H
@@ -27,6 +30,13 @@
 #include "zir_mutex.h"
 
 constexpr u32 kBucketCount = 1024;
+constexpr u32 kOpStripes = 64; // neighbouring buckets belong to different ones
+
+/* What belongs to every 64th bucket, on cache lines of its own. */
+struct alignas(64) OpStripe {
+    ZIR_Mutex mutex;
+    u32 releases[kBucketCount / kOpStripes]; /* of each bucket, guarded by `mutex` */
+};
 
 /* How one op type's handler behaves and what it writes. */
 struct HandlerRow {
@@ -72,9 +82,9 @@ struct CommonTable {
     u32 (*compare)(const void *a, const void *b);
     HASH_Handle *opHash;
     ZIR_Mutex *opMutex;
+    OpStripe *opStripes; /* kOpStripes of them */
     HASH_Handle *waitHash;
     ZIR_Mutex *waitMutex;
-    u32 *releases;   /* per bucket, guarded by opMutex */
     u32 *lastSerial; /* of a waiting request, guarded by waitMutex */
     u32 *waitNodes;  /* nodes in waitHash; written under waitMutex, read by a release without it */
 

@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "faults/consistency.h"
@@ -17,6 +18,8 @@ unsigned g_countHookCalls = 0;
 namespace {
 
 thread_local int t_held = 0;
+thread_local int t_tablesHeld = 0;
+thread_local const ZIR_Mutex *t_unlocked = nullptr; // a table's, while others are still held
 thread_local bool t_walking = false;
 u64 g_bytesWhenEmpty;
 
@@ -29,7 +32,6 @@ void ExpectNoMutexHeld(const std::string &what)
 struct Point {
     std::string prefix;
     const ZIR_Mutex *mutex;
-    unsigned left;
     std::function<void()> act;
 };
 std::mutex g_pointsMutex;
@@ -48,7 +50,7 @@ void Pass(const std::string &text, const ZIR_Mutex *mutex)
     {
         std::lock_guard lock(g_pointsMutex);
         for (auto point = g_points.begin(); point != g_points.end(); ++point) {
-            if (point->mutex == mutex && text.rfind(point->prefix, 0) == 0 && --point->left == 0) {
+            if (point->mutex == mutex && text.rfind(point->prefix, 0) == 0) {
                 act = std::move(point->act);
                 g_points.erase(point);
                 break;
@@ -65,7 +67,8 @@ void Behind(const char *name, ZIR_Mutex *mutex)
     reinterpret_cast<void (*)(ZIR_Mutex *)>(dlsym(RTLD_NEXT, name))(mutex);
 }
 
-bool IsModules(const ZIR_Mutex *mutex)
+// Op records and waiting requests of both tables.
+bool IsTables(const ZIR_Mutex *mutex)
 {
     return mutex == kIcib.opMutex || mutex == kIcib.waitMutex || mutex == kIpat.opMutex ||
            mutex == kIpat.waitMutex;
@@ -109,25 +112,32 @@ extern "C" QOR_API void QorL2ResDbgWriteLog(u32 level, u32 category, const char 
 extern "C" QOR_API void ZIR_MutexLock(ZIR_Mutex *mutex) QOR_NO_THREAD_SAFETY
 {
     Behind("ZIR_MutexLock", mutex);
-    t_held += IsModules(mutex);
-    EXPECT_TRUE(t_held <= 1 || t_walking) << "two mutexes held";
+    ++t_held;
+    t_tablesHeld += IsTables(mutex);
+    EXPECT_TRUE(t_tablesHeld <= 1 || t_walking) << "two tables' mutexes held";
 }
 
 extern "C" QOR_API void ZIR_MutexUnlock(ZIR_Mutex *mutex) QOR_NO_THREAD_SAFETY
 {
-    t_held -= IsModules(mutex);
+    --t_held;
+    if (IsTables(mutex)) {
+        --t_tablesHeld;
+        t_unlocked = mutex;
+    }
     Behind("ZIR_MutexUnlock", mutex);
-    Pass("", mutex);
+    if (t_held == 0 && t_unlocked != nullptr) {
+        Pass("", std::exchange(t_unlocked, nullptr));
+    }
 }
 
 void AtMessage(const std::string &prefix, std::function<void()> act)
 {
-    AddPoint({prefix, nullptr, 1, std::move(act)});
+    AddPoint({prefix, nullptr, std::move(act)});
 }
 
-void AtUnlock(const ZIR_Mutex *mutex, std::function<void()> act, unsigned nth)
+void AtUnlock(const ZIR_Mutex *mutex, std::function<void()> act)
 {
-    AddPoint({"", mutex, nth, std::move(act)});
+    AddPoint({"", mutex, std::move(act)});
 }
 
 int HeldMutexes()

@@ -59,7 +59,7 @@ std::string Notifications();
 
 /* Runs `act` once, on the writing thread, when it writes the next message that begins so. */
 void AtMessage(const std::string &prefix, std::function<void()> act);
-/* Runs `act` once, just after the nth unlocking of that mutex from now. */
-void AtUnlock(const ZIR_Mutex *mutex, std::function<void()> act, unsigned nth = 1);
+/* Runs `act` once, when the thread that unlocks that mutex of a table next holds no mutex any more. */
+void AtUnlock(const ZIR_Mutex *mutex, std::function<void()> act);
 
 #endif

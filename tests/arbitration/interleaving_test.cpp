@@ -182,13 +182,16 @@ TEST_F(Interleaving, ARequestIsNotJudgedAgainstItsOwnRecord)
     const Key mate = MakeKey(100, 77);
     ForBoth([&](const Side &side) {
         for (const u32 op : {kDelete, kUpdate}) {
+            if (side.icib && op == kUpdate) {
+                continue; // stores nothing
+            }
             for (const bool own : {false, true}) {
                 EXPECT_EQ(side.Get(kAdd, {1, 10, 1}, mate), 0u);
                 const auto free = [&] { (void)side.Free(kAdd, own ? MakeKey() : mate); };
-                AtUnlock(side.opMutex, free, 2); // the second one follows the store
+                AtUnlock(side.opMutex, free); // follows the store
                 EXPECT_EQ(side.Get(op, {2, 20, 100, "A"}), op == kDelete ? 4u : 3u);
                 EXPECT_EQ(side.WaitingCount(), 1u);
-                EXPECT_EQ(side.Record() != nullptr, op == kDelete || !side.icib);
+                EXPECT_NE(side.Record(), nullptr);
                 EXPECT_EQ(Notifications(), "");
                 Clean(side);
                 Clean(side, mate);

@@ -9,6 +9,7 @@
 #include <semaphore>
 #include <thread>
 
+#include "arbitration/op_table.h"
 #include "faults/consistency.h"
 #include "faults/workload.h"
 #include "frame/worker.h"
@@ -73,10 +74,10 @@ void ExpectLocksFree()
 {
     std::thread([] {
         for (const Side *side : kSides) {
-            for (ZIR_Mutex *mutex : {side->opMutex, side->waitMutex}) {
-                ZIR_MutexLock(mutex);
-                ZIR_MutexUnlock(mutex);
-            }
+            QorL2ResOpRecordsLock(side->tableId);
+            QorL2ResOpRecordsUnlock(side->tableId);
+            ZIR_MutexLock(side->waitMutex);
+            ZIR_MutexUnlock(side->waitMutex);
         }
     }).join();
 }
