@@ -17,9 +17,9 @@ template <u32 size, typename Entry, typename Test>
 inline u32 FirstFrom(const Entry *table, u32 first, const Test &test)
 {
 #pragma GCC unroll 8
-    for (const Entry *entry = table + first; entry < table + size; entry++) {
-        if (test(*entry)) {
-            return static_cast<u32>(entry - table);
+    for (u32 i = first; i < size; i++) {
+        if (test(table[i])) {
+            return i;
         }
     }
     return size;
@@ -166,8 +166,8 @@ void VlanFindSharing(const VlanDirection *direction, const VlanEditMapping *key,
     const auto namesCommand = [wanted](const VlanEditMapping &entry) {
         return entry.commandId == wanted.commandId;
     };
-    for (u32 i = VLAN_FIRST_MAPPING;
-         (i = FirstMapping(direction, i, namesCommand)) < L2RES_VLAN_MAPPING_COUNT; i++) {
+    u32 i = FirstMapping(direction, VLAN_FIRST_MAPPING, namesCommand);
+    while (i < L2RES_VLAN_MAPPING_COUNT) {
         const VlanEditMapping &entry = direction->mappings[i];
         if (entry.profileId != wanted.profileId) {
             QorL2ResDbgWriteLog(L2RES_LOG_REPORT, L2RES_LOG_GENERAL,
@@ -179,6 +179,7 @@ void VlanFindSharing(const VlanDirection *direction, const VlanEditMapping *key,
         } else if (!IsFree(entry)) {
             sharing->formatShared = 1;
         }
+        i = FirstMapping(direction, i + 1, namesCommand);
     }
 }
 
@@ -332,7 +333,7 @@ u32 QorL2ResCheckVlanEditInfo(const VlanEditInfo *info)
 
 void QorL2ResPrintVlanEditInfo(u32 level, const VlanEditInfo *info)
 {
-    if (info == nullptr) {
+    if (info == nullptr || !LogIsAttached()) {
         return;
     }
     QorL2ResDbgWriteLog(level, L2RES_LOG_GENERAL,
