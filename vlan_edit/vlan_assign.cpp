@@ -21,7 +21,7 @@ u32 Qorl2ResAssignVlanEditProfile(VlanEditInfo *info, u16 *profileId, u32 flag)
     if (direction->assign(info, profileId) == QOR_OK && *profileId < L2RES_VLAN_PROFILE_COUNT) {
         return QOR_OK;
     }
-    direction->texts.assignFailed(info->servType, *profileId);
+    VlanWrite(direction->texts.assignFailed, info->servType, *profileId);
     return QOR_FAIL;
 }
 
@@ -33,21 +33,21 @@ u32 Assign(const VlanDirection *direction, const VlanEditInfo *info, u16 *profil
         return QOR_FAIL;
     }
     const VlanTexts &texts = direction->texts;
-    texts.assignReceived(info);
+    VlanWrite(texts.assignReceived, info);
     if (QorL2ResCheckVlanEditInfo(info) == 0) {
-        texts.assignOutOfRange(info->servType);
+        VlanWrite(texts.assignOutOfRange, info->servType);
         return QOR_FAIL;
     }
     const u16 id = VlanSelectProfile(direction, info->servType, info->outerTpid);
     if (id == L2RES_VLAN_NO_PROFILE) {
-        texts.assignNoProfileLeft(info->servType, id);
+        VlanWrite(texts.assignNoProfileLeft, info->servType, id);
         return QOR_FAIL;
     }
     *profileId = id;
-    texts.assignProfile(info->servType, id);
+    VlanWrite(texts.assignProfile, info->servType, id);
     if (direction->setCommand(info, id) != QOR_OK) {
         /* The profile stays taken: it may be the service's from earlier assignments. */
-        texts.assignCommandFailed(info->servType, id);
+        VlanWrite(texts.assignCommandFailed, info->servType, id);
         return QOR_FAIL;
     }
     return QOR_OK;
@@ -67,10 +67,10 @@ u32 TakeCommand(const VlanDirection *direction, const VlanEditInfo *info, u16 *c
         return QOR_FAIL;
     }
     if (*commandId == L2RES_VLAN_NO_COMMAND) {
-        direction->texts.commandTableFull(info->servType);
+        VlanWrite(direction->texts.commandTableFull, info->servType);
         return QOR_FAIL;
     }
-    direction->texts.commandStored(info->servType, *commandId);
+    VlanWrite(direction->texts.commandStored, info->servType, *commandId);
     return QOR_OK;
 }
 
@@ -92,10 +92,10 @@ u32 SetCommand(const VlanDirection *direction, const VlanEditInfo *info, u16 pro
         return QOR_OK;
     }
     const u32 commandFlag = direction->directionFlag | wanted;
-    direction->texts.programming(info->servType, commandFlag);
+    VlanWrite(direction->texts.programming, info->servType, commandFlag);
     if (QorL2ResSetVlanTranslation(info, profileId, commandId, commandFlag) != QOR_OK) {
         /* What is booked stays booked, so that a release finds what it has to undo. */
-        direction->texts.programmingFailed(info->servType, profileId, commandId);
+        VlanWrite(direction->texts.programmingFailed, info->servType, profileId, commandId);
     }
     return QOR_OK;
 }

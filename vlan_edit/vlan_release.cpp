@@ -36,14 +36,15 @@ u32 RemoveMapping(const VlanDirection *direction, const VlanEditInfo *info,
         QorL2ResSetVlanTranslation(info, key->profileId, key->commandId,
                                    direction->directionFlag | L2RES_VLAN_FLAG_REMOVE_MAPPING);
     if (result != QOR_OK) {
-        direction->texts.releaseHookFailed(key->profileId, key->commandId, result);
+        VlanWrite(direction->texts.releaseHookFailed, key->profileId, key->commandId, result);
         QorL2ResPrintVlanEditInfo(L2RES_LOG_ERROR, info);
         return result;
     }
     /* Another tag format needs both, although the exported sharing test counts it for neither. */
     const u32 profFlg = sharing->profileShared | sharing->formatShared;
     const u32 cmdFlg = sharing->commandShared | sharing->formatShared;
-    direction->texts.releasing(sharing->mappingId, profFlg, key->profileId, cmdFlg, key->commandId);
+    VlanWrite(direction->texts.releasing, sharing->mappingId, profFlg, key->profileId, cmdFlg,
+              key->commandId);
     VlanClear(direction, sharing->mappingId, key, cmdFlg, profFlg);
     return QOR_OK;
 }
@@ -53,16 +54,16 @@ u32 Release(const VlanDirection *direction, const VlanEditInfo *info)
     if (info == nullptr) {
         return QOR_FAIL;
     }
-    direction->texts.releaseReceived();
+    VlanWrite(direction->texts.releaseReceived);
     QorL2ResPrintVlanEditInfo(L2RES_LOG_REPORT, info);
     if (info->servType < 1 || info->servType > 12) {
-        direction->texts.releaseUnknownService();
+        VlanWrite(direction->texts.releaseUnknownService);
         QorL2ResPrintVlanEditInfo(L2RES_LOG_ERROR, info);
         return QOR_FAIL;
     }
     const u16 profileId = VlanOwnedProfile(direction, info->servType, info->outerTpid);
     if (profileId == L2RES_VLAN_NO_PROFILE) {
-        direction->texts.releaseNoProfile(info);
+        VlanWrite(direction->texts.releaseNoProfile, info);
         return QOR_OK;
     }
     const u16 commandId = VlanFindCommand(direction, VlanCommandOf(info));
