@@ -21,7 +21,7 @@ u32 Qorl2ResAssignVlanEditProfile(VlanEditInfo *info, u16 *profileId, u32 flag)
     if (direction->assign(info, profileId) == QOR_OK && *profileId < L2RES_VLAN_PROFILE_COUNT) {
         return QOR_OK;
     }
-    VlanWrite(direction->texts.assignFailed, info->servType, *profileId);
+    direction->texts.assignFailed(info->servType, *profileId);
     return QOR_FAIL;
 }
 
@@ -35,19 +35,19 @@ u32 Assign(const VlanDirection *direction, const VlanEditInfo *info, u16 *profil
     const VlanTexts &texts = direction->texts;
     VlanWrite(texts.assignReceived, info);
     if (QorL2ResCheckVlanEditInfo(info) == 0) {
-        VlanWrite(texts.assignOutOfRange, info->servType);
+        texts.assignOutOfRange(info->servType);
         return QOR_FAIL;
     }
     const u16 id = VlanSelectProfile(direction, info->servType, info->outerTpid);
     if (id == L2RES_VLAN_NO_PROFILE) {
-        VlanWrite(texts.assignNoProfileLeft, info->servType, id);
+        texts.assignNoProfileLeft(info->servType, id);
         return QOR_FAIL;
     }
     *profileId = id;
     VlanWrite(texts.assignProfile, info->servType, id);
     if (direction->setCommand(info, id) != QOR_OK) {
         /* The profile stays taken: it may be the service's from earlier assignments. */
-        VlanWrite(texts.assignCommandFailed, info->servType, id);
+        texts.assignCommandFailed(info->servType, id);
         return QOR_FAIL;
     }
     return QOR_OK;
@@ -67,7 +67,7 @@ u32 TakeCommand(const VlanDirection *direction, const VlanEditInfo *info, u16 *c
         return QOR_FAIL;
     }
     if (*commandId == L2RES_VLAN_NO_COMMAND) {
-        VlanWrite(direction->texts.commandTableFull, info->servType);
+        direction->texts.commandTableFull(info->servType);
         return QOR_FAIL;
     }
     VlanWrite(direction->texts.commandStored, info->servType, *commandId);
@@ -95,7 +95,7 @@ u32 SetCommand(const VlanDirection *direction, const VlanEditInfo *info, u16 pro
     VlanWrite(direction->texts.programming, info->servType, commandFlag);
     if (QorL2ResSetVlanTranslation(info, profileId, commandId, commandFlag) != QOR_OK) {
         /* What is booked stays booked, so that a release finds what it has to undo. */
-        VlanWrite(direction->texts.programmingFailed, info->servType, profileId, commandId);
+        direction->texts.programmingFailed(info->servType, profileId, commandId);
     }
     return QOR_OK;
 }

@@ -43,7 +43,7 @@ struct VlanTexts {
     void (*releasing)(u32 mappingId, u32 profFlg, u32 profileId, u32 cmdFlg, u32 commandId);
 };
 
-/* Writes one of these lines; when nobody would see it, its arguments are not even gathered. */
+/* A line of the ordinary course: when nobody would see it, not even its arguments are gathered. */
 template <typename... Parameters, typename... Arguments>
 inline void VlanWrite(void (*line)(Parameters...), Arguments... arguments)
 {

@@ -36,7 +36,7 @@ u32 RemoveMapping(const VlanDirection *direction, const VlanEditInfo *info,
         QorL2ResSetVlanTranslation(info, key->profileId, key->commandId,
                                    direction->directionFlag | L2RES_VLAN_FLAG_REMOVE_MAPPING);
     if (result != QOR_OK) {
-        VlanWrite(direction->texts.releaseHookFailed, key->profileId, key->commandId, result);
+        direction->texts.releaseHookFailed(key->profileId, key->commandId, result);
         QorL2ResPrintVlanEditInfo(L2RES_LOG_ERROR, info);
         return result;
     }
@@ -57,13 +57,13 @@ u32 Release(const VlanDirection *direction, const VlanEditInfo *info)
     VlanWrite(direction->texts.releaseReceived);
     QorL2ResPrintVlanEditInfo(L2RES_LOG_REPORT, info);
     if (info->servType < 1 || info->servType > 12) {
-        VlanWrite(direction->texts.releaseUnknownService);
+        direction->texts.releaseUnknownService();
         QorL2ResPrintVlanEditInfo(L2RES_LOG_ERROR, info);
         return QOR_FAIL;
     }
     const u16 profileId = VlanOwnedProfile(direction, info->servType, info->outerTpid);
     if (profileId == L2RES_VLAN_NO_PROFILE) {
-        VlanWrite(direction->texts.releaseNoProfile, info);
+        direction->texts.releaseNoProfile(info);
         return QOR_OK;
     }
     const u16 commandId = VlanFindCommand(direction, VlanCommandOf(info));
