@@ -33,7 +33,7 @@ u32 Assign(const VlanDirection *direction, const VlanEditInfo *info, u16 *profil
         return QOR_FAIL;
     }
     const VlanTexts &texts = direction->texts;
-    texts.assignReceived(info);
+    VlanWrite(texts.assignReceived, info);
     if (QorL2ResCheckVlanEditInfo(info) == 0) {
         texts.assignOutOfRange(info->servType);
         return QOR_FAIL;
@@ -44,7 +44,7 @@ u32 Assign(const VlanDirection *direction, const VlanEditInfo *info, u16 *profil
         return QOR_FAIL;
     }
     *profileId = id;
-    texts.assignProfile(info->servType, id);
+    VlanWrite(texts.assignProfile, info->servType, id);
     if (direction->setCommand(info, id) != QOR_OK) {
         /* The profile stays taken: it may be the service's from earlier assignments. */
         texts.assignCommandFailed(info->servType, id);
@@ -70,7 +70,7 @@ u32 TakeCommand(const VlanDirection *direction, const VlanEditInfo *info, u16 *c
         direction->texts.commandTableFull(info->servType);
         return QOR_FAIL;
     }
-    direction->texts.commandStored(info->servType, *commandId);
+    VlanWrite(direction->texts.commandStored, info->servType, *commandId);
     return QOR_OK;
 }
 
@@ -92,7 +92,7 @@ u32 SetCommand(const VlanDirection *direction, const VlanEditInfo *info, u16 pro
         return QOR_OK;
     }
     const u32 commandFlag = direction->directionFlag | wanted;
-    direction->texts.programming(info->servType, commandFlag);
+    VlanWrite(direction->texts.programming, info->servType, commandFlag);
     if (QorL2ResSetVlanTranslation(info, profileId, commandId, commandFlag) != QOR_OK) {
         /* What is booked stays booked, so that a release finds what it has to undo. */
         direction->texts.programmingFailed(info->servType, profileId, commandId);

@@ -12,6 +12,7 @@
 
 #include <stddef.h>
 
+#include "frame/dbg_log.h"
 #include "l2rsm_vlan_edit.h"
 
 enum { VLAN_FIRST_GENERAL_PROFILE = 4, VLAN_FIRST_MAPPING = 1 };
@@ -41,6 +42,15 @@ struct VlanTexts {
     void (*releaseHookFailed)(u32 profileId, u32 commandId, u32 result);
     void (*releasing)(u32 mappingId, u32 profFlg, u32 profileId, u32 cmdFlg, u32 commandId);
 };
+
+/* A line of the ordinary course: when nobody would see it, not even its arguments are gathered. */
+template <typename... Parameters, typename... Arguments>
+inline void VlanWrite(void (*line)(Parameters...), Arguments... arguments)
+{
+    if (LogIsAttached()) {
+        line(arguments...);
+    }
+}
 
 struct VlanDirection {
     u32 *profiles;

@@ -43,7 +43,8 @@ u32 RemoveMapping(const VlanDirection *direction, const VlanEditInfo *info,
     /* Another tag format needs both, although the exported sharing test counts it for neither. */
     const u32 profFlg = sharing->profileShared | sharing->formatShared;
     const u32 cmdFlg = sharing->commandShared | sharing->formatShared;
-    direction->texts.releasing(sharing->mappingId, profFlg, key->profileId, cmdFlg, key->commandId);
+    VlanWrite(direction->texts.releasing, sharing->mappingId, profFlg, key->profileId, cmdFlg,
+              key->commandId);
     VlanClear(direction, sharing->mappingId, key, cmdFlg, profFlg);
     return QOR_OK;
 }
@@ -53,7 +54,7 @@ u32 Release(const VlanDirection *direction, const VlanEditInfo *info)
     if (info == nullptr) {
         return QOR_FAIL;
     }
-    direction->texts.releaseReceived();
+    VlanWrite(direction->texts.releaseReceived);
     QorL2ResPrintVlanEditInfo(L2RES_LOG_REPORT, info);
     if (info->servType < 1 || info->servType > 12) {
         direction->texts.releaseUnknownService();

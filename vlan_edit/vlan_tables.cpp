@@ -1,16 +1,47 @@
 #include "vlan_edit/vlan_direction.h"
 
+#include <string.h>
+
 #include "bounded.h"
 #include "frame/dbg_log.h"
 #include "zir_memory.h"
 
 namespace {
 
-/* Most commands differ in a tag action: that spares most calls of the comparison. */
-inline bool SameCommand(const VlanEditCommand &a, const VlanEditCommand &b)
+/*
+ * The first index from `first` on whose entry passes the test, or the table's size. The searches are
+ * most of what an assignment costs: their tests begin with the one comparison that most entries fail,
+ * and the unrolled loop adds little to it. By seven, as 127 entries leave just one over.
+ */
+template <u32 size, typename Entry, typename Test>
+inline u32 FirstFrom(const Entry *table, u32 first, const Test &test)
 {
-    return a.outerTag == b.outerTag && a.innerTag == b.innerTag &&
-           ZIR_MemCmp(&a, &b, sizeof(VlanEditCommand)) == 0;
+#pragma GCC unroll 7
+    for (u32 i = first; i < size; i++) {
+        if (test(table[i])) {
+            return i;
+        }
+    }
+    return size;
+}
+
+template <typename Test>
+inline u32 FirstMapping(const VlanDirection *direction, u32 first, const Test &test)
+{
+    return FirstFrom<L2RES_VLAN_MAPPING_COUNT>(direction->mappings, first, test);
+}
+
+template <typename Test> inline u32 FirstCommand(const VlanDirection *direction, const Test &test)
+{
+    return FirstFrom<L2RES_VLAN_COMMAND_COUNT>(direction->commands, direction->firstCommand, test);
+}
+
+/* Two neighbouring fields of a command, from the named one on, as one word to compare. */
+inline u64 TwoFields(const u32 &first)
+{
+    u64 word;
+    memcpy(&word, &first, sizeof word);
+    return word;
 }
 
 inline bool IsFree(const VlanEditMapping &entry)
@@ -32,12 +63,9 @@ u16 ReservedProfile(const VlanDirection *direction, u32 servType, u32 outerTpid)
 /* The first profile id from `first` on that holds the value, or 64. */
 u16 FindProfile(const VlanDirection *direction, u32 first, u32 value)
 {
-    for (u32 id = first; id < L2RES_VLAN_PROFILE_COUNT; id++) {
-        if (direction->profiles[id] == value) {
-            return static_cast<u16>(id);
-        }
-    }
-    return L2RES_VLAN_NO_PROFILE;
+    const auto holdsValue = [value](u32 held) { return held == value; };
+    return static_cast<u16>(
+        FirstFrom<L2RES_VLAN_PROFILE_COUNT>(direction->profiles, first, holdsValue));
 }
 
 bool AllWithin(const u32 *values, u32 count, u32 low, u32 high)
@@ -83,22 +111,19 @@ u16 VlanOwnedProfile(const VlanDirection *direction, u32 servType, u32 outerTpid
 
 u16 VlanFindCommand(const VlanDirection *direction, const VlanEditCommand *command)
 {
-    const VlanEditCommand wanted = *command;
-    const VlanEditCommand *commands = direction->commands;
-    for (u32 id = direction->firstCommand; id < L2RES_VLAN_COMMAND_COUNT; id++) {
-        if (SameCommand(commands[id], wanted)) {
-            return static_cast<u16>(id);
-        }
-    }
-    return L2RES_VLAN_NO_COMMAND;
+    const u64 tags = TwoFields(command->outerTag);
+    const u64 priorities = TwoFields(command->outerPri);
+    const auto isSame = [=](const VlanEditCommand &entry) {
+        return TwoFields(entry.outerTag) == tags && TwoFields(entry.outerPri) == priorities &&
+               ZIR_MemCmp(&entry, command, sizeof entry) == 0;
+    };
+    return static_cast<u16>(FirstCommand(direction, isSame));
 }
 
 u32 VlanStoreCommand(const VlanDirection *direction, const VlanEditCommand *command, u16 *commandId)
 {
-    u32 id = direction->firstCommand;
-    while (id < L2RES_VLAN_COMMAND_COUNT && direction->commands[id].outerTag != 0) {
-        id++;
-    }
+    const u32 id =
+        FirstCommand(direction, [](const VlanEditCommand &entry) { return entry.outerTag == 0; });
     if (id < L2RES_VLAN_COMMAND_COUNT && memcpy_s(&direction->commands[id], sizeof(VlanEditCommand),
                                                   command, sizeof(VlanEditCommand)) != 0) {
         QorL2ResDbgWriteLog(L2RES_LOG_ERROR, L2RES_LOG_GENERAL, "[CmpCommandInfo]memcpy fail");
@@ -111,46 +136,44 @@ u32 VlanStoreCommand(const VlanDirection *direction, const VlanEditCommand *comm
 bool VlanBookMapping(const VlanDirection *direction, const VlanEditMapping *mapping)
 {
     const VlanEditMapping wanted = *mapping;
-    const VlanEditMapping *mappings = direction->mappings;
-    u32 freeEntry = 0; /* where a mapping goes that no longer fits */
-    for (u32 i = VLAN_FIRST_MAPPING; i < L2RES_VLAN_MAPPING_COUNT; i++) {
-        const VlanEditMapping &entry = mappings[i];
-        if (entry.commandId == wanted.commandId && entry.profileId == wanted.profileId &&
-            entry.tagFormat == wanted.tagFormat) {
-            return true;
-        }
-        if (freeEntry == 0 && IsFree(entry)) {
-            freeEntry = i;
-        }
+    const auto isWanted = [wanted](const VlanEditMapping &entry) {
+        return entry.commandId == wanted.commandId && entry.profileId == wanted.profileId &&
+               entry.tagFormat == wanted.tagFormat;
+    };
+    if (FirstMapping(direction, VLAN_FIRST_MAPPING, isWanted) != L2RES_VLAN_NO_MAPPING) {
+        return true;
     }
-    direction->mappings[freeEntry] = wanted;
+    const u32 freeEntry = FirstMapping(direction, VLAN_FIRST_MAPPING, IsFree);
+    /* Entry 0 takes a mapping that no longer fits. */
+    direction->mappings[freeEntry != L2RES_VLAN_NO_MAPPING ? freeEntry : 0] = wanted;
     return false;
 }
 
 void VlanFindSharing(const VlanDirection *direction, const VlanEditMapping *key,
                      VlanSharing *sharing)
 {
+    const VlanEditMapping wanted = *key;
+    /* Free entries name profile 0: its mark outlives a release, and is rewritten anyway. */
+    const auto sharesProfile = [wanted](const VlanEditMapping &entry) {
+        return entry.profileId == wanted.profileId && entry.commandId != wanted.commandId;
+    };
+    const u32 other = FirstMapping(direction, VLAN_FIRST_MAPPING, sharesProfile);
     *sharing = {.mappingId = L2RES_VLAN_NO_MAPPING,
                 .commandShared = 0,
-                .profileShared = 0,
+                .profileShared = other != L2RES_VLAN_NO_MAPPING ? 1U : 0U,
                 .formatShared = 0};
-    const VlanEditMapping wanted = *key;
-    const VlanEditMapping *mappings = direction->mappings;
-    for (u32 i = VLAN_FIRST_MAPPING; i < L2RES_VLAN_MAPPING_COUNT; i++) {
-        const VlanEditMapping &entry = mappings[i];
-        const bool sameCommand = entry.commandId == wanted.commandId;
-        const bool sameProfile = entry.profileId == wanted.profileId;
-        if (!sameCommand && !sameProfile) {
-            continue;
-        }
-        if (sameCommand && !sameProfile) {
+
+    const auto namesCommand = [wanted](const VlanEditMapping &entry) {
+        return entry.commandId == wanted.commandId;
+    };
+    for (u32 i = VLAN_FIRST_MAPPING;
+         (i = FirstMapping(direction, i, namesCommand)) < L2RES_VLAN_MAPPING_COUNT; i++) {
+        const VlanEditMapping &entry = direction->mappings[i];
+        if (entry.profileId != wanted.profileId) {
             QorL2ResDbgWriteLog(L2RES_LOG_REPORT, L2RES_LOG_GENERAL,
                                 "[L2RES]used cmd, cmdId:%u, prof:%u-%u,", entry.commandId,
                                 entry.profileId, wanted.profileId);
             sharing->commandShared = 1;
-        } else if (!sameCommand) {
-            /* Free entries name profile 0: its mark outlives a release, and is rewritten anyway. */
-            sharing->profileShared = 1;
         } else if (entry.tagFormat == wanted.tagFormat) {
             sharing->mappingId = i;
         } else if (!IsFree(entry)) {
@@ -309,7 +332,7 @@ u32 QorL2ResCheckVlanEditInfo(const VlanEditInfo *info)
 
 void QorL2ResPrintVlanEditInfo(u32 level, const VlanEditInfo *info)
 {
-    if (info == nullptr) {
+    if (info == nullptr || !LogIsAttached()) {
         return;
     }
     QorL2ResDbgWriteLog(level, L2RES_LOG_GENERAL,
