@@ -106,7 +106,7 @@ void Stream(benchmark::State &state)
     Expect(state, "messages posted", posted, state.iterations());
     Expect(state, "all messages freed",
            Settles([blocksBefore] { return LiveBlocks() == blocksBefore; }), true);
-    // The eventfd is read at least once each time the queue runs empty.
+    // A queue is announced once, until it was found empty again and its eventfd read.
     Expect(state, "at most one wake-up per change to not empty",
            Settles([] { return g_wakeUps <= g_drains; }), true);
     g_counting = false;

@@ -1,14 +1,26 @@
 /*
  * Message queues and the event dispatcher.
  *
- * A queue is a ring of elements in a slot of a fixed table. The slot, with its mutex, outlives its
+ * A queue is a ring of elements in a slot of a fixed table. The slot, with its mutexes, outlives its
  * queues, so a stale handle is refused by its generation instead of leading into freed memory.
  *
- * The eventfd of a queue is readable while the queue holds elements. Whoever appends to an empty
- * queue writes it, once the mutex is free again: the reader it wakes would else only run into the
- * mutex, and be put to sleep and woken a second time. Whoever takes the last element clears it, under
- * the mutex. A write that comes after that wakes a reader for nothing, who then clears it; a wake-up
- * cannot be lost, as every append to an empty queue is followed by a write.
+ * Posting and taking have a mutex each, so that a poster and a reader stay out of each other's way;
+ * whoever needs both locks the taking one first. `posted` and `taken` count what ever was: a position
+ * moves under the mutex of its side, once the element is in place or copied. The other side's is
+ * looked at only when the ring seems full or empty by what was seen last.
+ *
+ * The eventfd of a queue is readable while the queue holds elements. `announced` says, under the
+ * posting mutex, that it was written since it was last cleared, or is about to be: a poster that finds
+ * it unset sets it, and writes the eventfd once the mutex is free, as the reader it wakes would else
+ * run into the mutex, and be put to sleep and woken a second time. Only an empty queue is cleared,
+ * under both mutexes. So no wake-up is lost: nobody clears while an element waits, and the first to
+ * post after a clearing announces again. A write that comes after its element was taken and the
+ * eventfd cleared wakes a reader for nothing, who clears it once more.
+ *
+ * A dispatcher clears when it leaves the queue, and not each time that its handler took the last
+ * element; other readers do it at once.
+ *
+ * Who waits for room does so under the taking mutex, which is held by whoever makes room.
  */
 #include <atomic>
 #include <cerrno>
@@ -30,39 +42,54 @@ constexpr u32 MAX_QUEUES = 256;
 /* Elements handled per event before other descriptors get their turn. */
 constexpr u32 DISPATCH_BATCH = 64;
 
+constexpr size_t CACHE_LINE = 64;
+
+/* Posters and readers write lines of their own: one that both write costs each some 30 ns or more. */
 struct Queue {
-    pthread_mutex_t mutex =
-        PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;      /* guards all but the atomics' reads */
-    pthread_cond_t room = PTHREAD_COND_INITIALIZER; /* an element left, or the queue ended */
-    std::atomic<u32> generation{0};                 /* odd while the slot holds a queue */
-    std::atomic<u32> count{0};                      /* elements waiting; written under the mutex */
-    std::atomic<u32> signallers{0};                 /* about to write the eventfd, mutex released */
-    u32 waitingWriters = 0;
+    /* Written with both mutexes held, but for the attached record: the taking one will do. */
+    std::atomic<u32> generation{0}; /* odd while the slot holds a queue */
     u32 depth = 0;
     u32 elementSize = 0;
-    u32 oldest = 0; /* position of the oldest element */
+    int eventFd = -1;
     unsigned char *ring = nullptr;
     /* The attached record, which otherwise only the kernel would know: a leak check finds it here. */
     QorQueueContext *context = nullptr;
-    int eventFd = -1;
+    std::atomic<u32> signallers{0}; /* about to write the eventfd, posting mutex released */
+
+    alignas(CACHE_LINE) pthread_mutex_t postMutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+    std::atomic<u64> posted{0};
+    u64 takenSeen = 0;      /* `taken` when last looked at */
+    u32 next = 0;           /* index of the next element to come */
+    bool announced = false; /* the eventfd is written, or about to be */
+
+    alignas(CACHE_LINE) pthread_mutex_t takeMutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+    std::atomic<u64> postedSeen{0}; /* `posted` when last looked at; read without the mutex, too */
+    u32 oldest = 0;                 /* index of the oldest element */
+    u32 waitingWriters = 0;
+    pthread_cond_t room = PTHREAD_COND_INITIALIZER; /* an element left, or the queue ended */
+
+    alignas(CACHE_LINE) std::atomic<u64> taken{0}; /* posters ask for the count */
 };
 
 std::mutex g_createMutex; /* one creation at a time looks for a free slot */
 Queue g_queues[MAX_QUEUES];
 
-/* Scope in which a queue's mutex is held. */
+/* The queue that the thread's dispatcher is at, and will clear when it leaves. */
+__attribute__((tls_model("initial-exec"))) thread_local QorQueueHandle t_dispatched = 0;
+
+/* Scope in which one of a queue's mutexes is held. */
 struct QueueLock {
-    explicit QueueLock(Queue *held) : queue(held)
+    explicit QueueLock(pthread_mutex_t *held) : mutex(held)
     {
-        (void)pthread_mutex_lock(&queue->mutex);
+        (void)pthread_mutex_lock(mutex);
     }
     ~QueueLock()
     {
-        (void)pthread_mutex_unlock(&queue->mutex);
+        (void)pthread_mutex_unlock(mutex);
     }
     QueueLock(const QueueLock &) = delete;
     QueueLock &operator=(const QueueLock &) = delete;
-    Queue *queue;
+    pthread_mutex_t *mutex;
 };
 
 u32 generationOf(QorQueueHandle handle)
@@ -70,7 +97,7 @@ u32 generationOf(QorQueueHandle handle)
     return static_cast<u32>(handle >> 32);
 }
 
-/* The slot a handle speaks of, or null; whether its queue still lives is checked under its mutex. */
+/* The slot a handle speaks of, or null; whether its queue still lives is checked under a mutex. */
 Queue *slotOf(QorQueueHandle handle)
 {
     const u32 index = static_cast<u32>(handle) - 1;
@@ -82,11 +109,16 @@ bool lives(const Queue *queue, QorQueueHandle handle)
     return queue->generation.load(std::memory_order_relaxed) == generationOf(handle);
 }
 
-u32 countWaiting(QorQueueHandle handle)
+/* Exact for the moment that `posted` was read: nothing was taken around it. Needs no mutex. */
+u32 countWaiting(const Queue *queue)
 {
-    const Queue *queue = slotOf(handle);
-    return queue != nullptr && lives(queue, handle) ? queue->count.load(std::memory_order_relaxed)
-                                                    : 0;
+    u64 taken = queue->taken;
+    u64 posted = queue->posted;
+    for (u64 again = queue->taken; again != taken; again = queue->taken) {
+        taken = again;
+        posted = queue->posted;
+    }
+    return static_cast<u32>(posted - taken);
 }
 
 void signalNonEmpty(const Queue *queue)
@@ -96,8 +128,14 @@ void signalNonEmpty(const Queue *queue)
     }
 }
 
-void signalEmpty(const Queue *queue)
+/* Clears the eventfd if the queue is empty, announced or not. Needs the taking mutex. */
+void clearIfEmpty(Queue *queue)
 {
+    const QueueLock lock(&queue->postMutex);
+    if (queue->posted != queue->taken) {
+        return;
+    }
+    queue->announced = false;
     u64 value;
     while (read(queue->eventFd, &value, sizeof(value)) < 0 && errno == EINTR) {
     }
@@ -116,49 +154,134 @@ timespec deadlineIn(u32 milliseconds)
     return deadline;
 }
 
-/* Waits, with the mutex held, until the queue has room. 0, 1 when the queue ended, or QOR_QUEUE_FULL. */
-u32 waitForRoom(Queue *queue, QorQueueHandle handle, u32 timeoutMs)
+/* False: there was still no room at the deadline. True: there was, or the queue ended. */
+bool waitForRoom(Queue *queue, QorQueueHandle handle, const timespec *deadline)
 {
-    const timespec deadline = deadlineIn(timeoutMs);
-    int waited = timeoutMs == 0 ? ETIMEDOUT : 0;
-    while (lives(queue, handle) && queue->count == queue->depth) {
+    const QueueLock lock(&queue->takeMutex);
+    int waited = 0;
+    while (lives(queue, handle) && queue->posted - queue->taken == queue->depth) {
         if (waited == ETIMEDOUT) {
-            return QOR_QUEUE_FULL;
+            return false;
         }
         ++queue->waitingWriters;
-        waited = pthread_cond_clockwait(&queue->room, &queue->mutex, CLOCK_MONOTONIC, &deadline);
+        waited = pthread_cond_clockwait(&queue->room, &queue->takeMutex, CLOCK_MONOTONIC, deadline);
         --queue->waitingWriters;
     }
-    return lives(queue, handle) ? QOR_OK : QOR_FAIL;
-}
-
-/* True: the queue was empty, and the caller is now one of the signallers. */
-bool append(Queue *queue, const void *element)
-{
-    const u32 count = queue->count.load(std::memory_order_relaxed);
-    const u64 position = (static_cast<u64>(queue->oldest) + count) % queue->depth;
-    (void)memcpy(queue->ring + position * queue->elementSize, element, queue->elementSize);
-    queue->count.store(count + 1, std::memory_order_relaxed);
-    if (count != 0) {
-        return false;
-    }
-    ++queue->signallers;
     return true;
 }
 
+/* Needs the posting mutex. */
+bool hasRoom(Queue *queue)
+{
+    const u64 posted = queue->posted.load(std::memory_order_relaxed);
+    if (posted - queue->takenSeen == queue->depth) {
+        queue->takenSeen = queue->taken;
+    }
+    return posted - queue->takenSeen != queue->depth;
+}
+
+unsigned char *elementAt(const Queue *queue, u32 index)
+{
+    return queue->ring + static_cast<u64>(index) * queue->elementSize;
+}
+
+u32 following(const Queue *queue, u32 index)
+{
+    return index + 1 == queue->depth ? 0 : index + 1;
+}
+
+/* Needs the posting mutex, and room. */
+void append(Queue *queue, const void *element)
+{
+    (void)memcpy(elementAt(queue, queue->next), element, queue->elementSize);
+    queue->next = following(queue, queue->next);
+    queue->posted.store(queue->posted.load(std::memory_order_relaxed) + 1,
+                        std::memory_order_release);
+}
+
+/* 0, 1: no such queue or another size, or QOR_QUEUE_FULL. */
+u32 post(Queue *queue, QorQueueHandle handle, const void *element, u32 size)
+{
+    {
+        const QueueLock lock(&queue->postMutex);
+        if (!lives(queue, handle) || size != queue->elementSize) {
+            return QOR_FAIL;
+        }
+        if (!hasRoom(queue)) {
+            return QOR_QUEUE_FULL;
+        }
+        append(queue, element);
+        if (queue->announced) {
+            return QOR_OK;
+        }
+        queue->announced = true;
+        ++queue->signallers;
+    }
+    signalNonEmpty(queue);
+    --queue->signallers;
+    return QOR_OK;
+}
+
+/* Whether there is an element to take. Needs the taking mutex. */
+bool hasElement(Queue *queue)
+{
+    const u64 taken = queue->taken.load(std::memory_order_relaxed);
+    if (taken == queue->postedSeen.load(std::memory_order_relaxed)) {
+        queue->postedSeen.store(queue->posted.load(std::memory_order_acquire),
+                                std::memory_order_relaxed);
+    }
+    return taken != queue->postedSeen.load(std::memory_order_relaxed);
+}
+
+/* Needs the taking mutex, and an element. */
 void takeOldest(Queue *queue, void *element)
 {
-    const u32 count = queue->count.load(std::memory_order_relaxed) - 1;
-    (void)memcpy(element, queue->ring + static_cast<u64>(queue->oldest) * queue->elementSize,
-                 queue->elementSize);
-    queue->oldest = queue->oldest + 1 == queue->depth ? 0 : queue->oldest + 1;
-    queue->count.store(count, std::memory_order_relaxed);
-    if (count == 0) {
-        signalEmpty(queue);
-    }
+    (void)memcpy(element, elementAt(queue, queue->oldest), queue->elementSize);
+    queue->oldest = following(queue, queue->oldest);
+    queue->taken.store(queue->taken.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     if (queue->waitingWriters > 0) {
         (void)pthread_cond_signal(&queue->room);
     }
+}
+
+/* As hasElement, for want of the mutex only true of a moment. */
+bool seesElement(const Queue *queue, QorQueueHandle handle)
+{
+    const u64 taken = queue->taken;
+    return lives(queue, handle) &&
+           (taken < queue->postedSeen.load(std::memory_order_relaxed) || taken != queue->posted);
+}
+
+/* What the reads of the dispatcher's handlers left undone. */
+void leave(Queue *queue, QorQueueHandle handle)
+{
+    if (seesElement(queue, handle)) {
+        return;
+    }
+    const QueueLock lock(&queue->takeMutex);
+    if (lives(queue, handle)) {
+        clearIfEmpty(queue);
+    }
+}
+
+void dispatch(QorQueueContext *context)
+{
+    /* Copied: the handler may free its record once its queue is gone. */
+    const QorQueueHandle handle = context->queue;
+    const auto handler = context->handler;
+    Queue *queue = slotOf(handle);
+    if (queue == nullptr || !lives(queue, handle)) {
+        (void)handler(handle, context); /* what it makes of such a handle is up to it */
+        return;
+    }
+    const QorQueueHandle outer = t_dispatched;
+    t_dispatched = handle;
+    bool goesOn = seesElement(queue, handle);
+    for (u32 handled = 0; goesOn && handled < DISPATCH_BATCH; ++handled) {
+        goesOn = handler(handle, context) == 0 && seesElement(queue, handle);
+    }
+    t_dispatched = outer;
+    leave(queue, handle);
 }
 
 Queue *findFreeSlot()
@@ -196,11 +319,13 @@ u32 QorEpollQueCreate(const char *name, u32 depth, QorQueueHandle *queue, u32 op
         return static_cast<u32>(error);
     }
 
-    const QueueLock lock(slot);
+    const QueueLock takeLock(&slot->takeMutex);
+    const QueueLock postLock(&slot->postMutex);
     slot->depth = depth;
     slot->elementSize = elementSize;
+    slot->next = 0;
     slot->oldest = 0;
-    slot->count = 0;
+    slot->announced = false;
     slot->ring = ring;
     slot->eventFd = eventFd;
     const u32 generation = ++slot->generation;
@@ -220,7 +345,7 @@ u32 QorEpollQueCtl(u32 epollFd, u32 operation, QorQueueHandle queue, u32 events,
     event.events = events & ~static_cast<u32>(EPOLLET);
     event.data.ptr = context;
 
-    const QueueLock lock(slot);
+    const QueueLock lock(&slot->takeMutex);
     if (!lives(slot, queue)) {
         return QOR_FAIL;
     }
@@ -239,12 +364,15 @@ u32 QorEpollQueDelete(QorQueueHandle *queue)
     if (slot == nullptr) {
         return QOR_FAIL;
     }
-    const QueueLock lock(slot);
+    const QueueLock takeLock(&slot->takeMutex);
+    const QueueLock postLock(&slot->postMutex);
     if (!lives(slot, *queue)) {
         return QOR_FAIL;
     }
     ++slot->generation;
-    slot->count = 0;
+    /* The positions go on with the next queue: a count that is under way never goes wrong. */
+    slot->taken = slot->posted.load();
+    slot->postedSeen = slot->posted.load();
     free(slot->ring);
     slot->ring = nullptr;
     slot->context = nullptr;
@@ -261,7 +389,8 @@ u32 QorEpollQueDelete(QorQueueHandle *queue)
 
 u32 QorEpollQueGetMsgNum(QorQueueHandle queue)
 {
-    return countWaiting(queue);
+    const Queue *slot = slotOf(queue);
+    return slot != nullptr && lives(slot, queue) ? countWaiting(slot) : 0;
 }
 
 u32 QorEpollQueWrite(QorQueueHandle queue, const void *element, u32 size, u32 timeoutMs)
@@ -270,24 +399,16 @@ u32 QorEpollQueWrite(QorQueueHandle queue, const void *element, u32 size, u32 ti
     if (slot == nullptr || element == nullptr) {
         return QOR_FAIL;
     }
-    {
-        const QueueLock lock(slot);
-        if (!lives(slot, queue) || size != slot->elementSize) {
-            return QOR_FAIL;
-        }
-        if (slot->count == slot->depth) {
-            const u32 result = waitForRoom(slot, queue, timeoutMs);
-            if (result != QOR_OK) {
-                return result;
-            }
-        }
-        if (!append(slot, element)) {
-            return QOR_OK;
-        }
+    u32 result = post(slot, queue, element, size);
+    if (result != QOR_QUEUE_FULL || timeoutMs == 0) {
+        return result;
     }
-    signalNonEmpty(slot);
-    --slot->signallers;
-    return QOR_OK;
+    const timespec deadline = deadlineIn(timeoutMs);
+    /* Another writer may be faster than one that was told of room. */
+    while (result == QOR_QUEUE_FULL && waitForRoom(slot, queue, &deadline)) {
+        result = post(slot, queue, element, size);
+    }
+    return result;
 }
 
 u32 QorEpollQueRead(QorQueueHandle queue, u32 option, void *element, u32 size)
@@ -297,16 +418,18 @@ u32 QorEpollQueRead(QorQueueHandle queue, u32 option, void *element, u32 size)
     if (slot == nullptr || element == nullptr) {
         return 0;
     }
-    const QueueLock lock(slot);
+    const QueueLock lock(&slot->takeMutex);
     if (!lives(slot, queue) || size < slot->elementSize) {
         return 0;
     }
-    if (slot->count == 0) {
-        signalEmpty(slot); /* woken for nothing */
-        return 0;
+    const bool found = hasElement(slot);
+    if (found) {
+        takeOldest(slot, element);
     }
-    takeOldest(slot, element);
-    return slot->elementSize;
+    if (t_dispatched != queue && !hasElement(slot)) {
+        clearIfEmpty(slot);
+    }
+    return found ? slot->elementSize : 0;
 }
 
 u32 QOR_Epoll_EvtProc(struct epoll_event *events, u32 count)
@@ -316,16 +439,8 @@ u32 QOR_Epoll_EvtProc(struct epoll_event *events, u32 count)
     }
     for (u32 i = 0; i < count; ++i) {
         auto *context = static_cast<QorQueueContext *>(events[i].data.ptr);
-        if (context == nullptr || context->handler == nullptr) {
-            continue;
-        }
-        /* Copied: the handler may free its record once its queue is gone. */
-        const QorQueueHandle queue = context->queue;
-        const auto handler = context->handler;
-        for (u32 handled = 0; handled < DISPATCH_BATCH; ++handled) {
-            if (handler(queue, context) != 0 || countWaiting(queue) == 0) {
-                break;
-            }
+        if (context != nullptr && context->handler != nullptr) {
+            dispatch(context);
         }
     }
     return QOR_OK;

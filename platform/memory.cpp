@@ -3,7 +3,7 @@
  *
  * Blocks of up to a kilobyte are cached by size, per thread and behind that in a pool common to all
  * threads; larger ones come from the C library. A block that another thread frees enters that
- * thread's cache, and full caches flow back through the pool. Under a sanitizer every block is the
+ * thread's cache, and flows back through the pool with a batch of others. Under a sanitizer every block is the
  * C library's, so that the sanitizer sees each allocation and each free.
  *
  * Each thread counts for itself what it allocates and frees per partition, wrapping around below
@@ -56,14 +56,22 @@ struct alignas(16) Header {
 };
 static_assert(sizeof(Header) == 16);
 
+/* Free blocks are linked in batches; in the pool, the first one of each stands for all. */
 struct FreeBlock {
-    Header header;
+    Header header; /* size: blocks in the batch */
     FreeBlock *next;
+    FreeBlock *nextBatch;
 };
+static_assert(sizeof(FreeBlock) <= sizeof(Header) + CLASS_STEP, "fits into the smallest block");
 
+/*
+ * The batch that blocks come from and go to, and a full one in reserve or none: at the end of a batch,
+ * allocating and freeing by turns needs no pool.
+ */
 struct Cache {
     FreeBlock *first;
-    u32 room; /* blocks it takes before it is full */
+    FreeBlock *reserve;
+    u32 room; /* blocks it takes before the batch is full */
 };
 
 /*
@@ -96,8 +104,8 @@ Partition g_partitions[PARTITIONS];
 
 std::mutex g_mutex; /* guards the following, and the counts of ended threads */
 ThreadMemory *g_threads;
-FreeBlock *g_pool[CLASSES];
-void *g_chunks; /* all of them, linked through their first bytes */
+FreeBlock *g_pool[CLASSES]; /* batches */
+void *g_chunks;             /* all of them, linked through their first bytes */
 unsigned char *g_chunkFree;
 u64 g_chunkLeft;
 
@@ -179,11 +187,11 @@ constexpr u64 blockBytes(u32 sizeClass)
     return sizeClass * CLASS_STEP;
 }
 
-/* Blocks moved at once between a cache and the pool, by size class. */
+/* Blocks of a batch, by size class. */
 constexpr auto BATCH = [] {
     std::array<u32, CLASSES> batch{};
     for (u32 i = 1; i < CLASSES; ++i) {
-        batch[i] = static_cast<u32>(std::clamp<u64>(BATCH_BYTES / blockBytes(i), 8, 32));
+        batch[i] = static_cast<u32>(std::clamp<u64>(BATCH_BYTES / blockBytes(i), 8, 64));
     }
     return batch;
 }();
@@ -209,36 +217,43 @@ FreeBlock *carveBlock(u32 sizeClass)
     return block;
 }
 
-/* Moves a batch into the cache, of the pool's blocks and new ones. */
-void fillCache(Cache *cache, u32 sizeClass)
+/* A batch of new blocks; `count` becomes their number, less only when the memory ends. */
+FreeBlock *carveBatch(u32 sizeClass, u32 *count)
 {
-    FreeBlock **link = &cache->first;
-    for (u32 wanted = BATCH[sizeClass]; wanted > 0; --wanted) {
-        FreeBlock *block = g_pool[sizeClass];
-        if (block != nullptr) {
-            g_pool[sizeClass] = block->next;
-        } else {
-            block = carveBlock(sizeClass);
-        }
-        if (block == nullptr) {
-            break;
-        }
+    FreeBlock *first = nullptr;
+    FreeBlock **link = &first;
+    u32 carved = 0;
+    for (FreeBlock *block; carved < BATCH[sizeClass] && (block = carveBlock(sizeClass)) != nullptr;
+         ++carved) {
         *link = block;
         link = &block->next;
-        --cache->room;
     }
     *link = nullptr;
+    *count = carved;
+    return first;
 }
 
-/* Moves up to `most` blocks of the cache to the pool. */
-void drainCache(Cache *cache, u32 sizeClass, u32 most)
+/*
+ * Batches move as they are: their blocks' lines are in the cache of the processor that freed them,
+ * and to fetch them one by one would take longer than all the rest.
+ */
+FreeBlock *takeBatch(u32 sizeClass, u32 *count)
 {
-    for (u32 moved = 0; moved < most && cache->first != nullptr; ++moved) {
-        FreeBlock *block = cache->first;
-        cache->first = block->next;
-        ++cache->room;
-        block->next = g_pool[sizeClass];
-        g_pool[sizeClass] = block;
+    FreeBlock *batch = g_pool[sizeClass];
+    if (batch == nullptr) {
+        return carveBatch(sizeClass, count);
+    }
+    g_pool[sizeClass] = batch->nextBatch;
+    *count = static_cast<u32>(batch->header.size);
+    return batch;
+}
+
+void giveBatch(FreeBlock *batch, u32 sizeClass, u32 count)
+{
+    if (batch != nullptr) {
+        batch->header.size = count;
+        batch->nextBatch = g_pool[sizeClass];
+        g_pool[sizeClass] = batch;
     }
 }
 
@@ -254,7 +269,9 @@ void endThread(void *ended)
             g_partitions[i].ended += memory->counts[i];
         }
         for (u32 i = 1; i < CLASSES; ++i) {
-            drainCache(&memory->caches[i], i, 2 * BATCH[i]);
+            const Cache *cache = &memory->caches[i];
+            giveBatch(cache->first, i, BATCH[i] - cache->room);
+            giveBatch(cache->reserve, i, BATCH[i]);
         }
         (memory->previous != nullptr ? memory->previous->next : g_threads) = memory->next;
         if (memory->next != nullptr) {
@@ -277,9 +294,8 @@ ThreadMemory *beginThread()
         free(memory);
         return nullptr;
     }
-    /* Two batches: one thread may free what another allocates, for ever. */
     for (u32 i = 1; i < CLASSES; ++i) {
-        memory->caches[i].room = 2 * BATCH[i];
+        memory->caches[i].room = BATCH[i];
     }
     const std::lock_guard lock(g_mutex);
     memory->next = g_threads;
@@ -351,13 +367,38 @@ Header *takeLarge(u64 size)
     return header;
 }
 
+/* The cache must be empty but for its reserve. */
+void refill(Cache *cache, u32 sizeClass)
+{
+    u32 count = BATCH[sizeClass];
+    if (cache->reserve != nullptr) {
+        cache->first = cache->reserve;
+        cache->reserve = nullptr;
+    } else {
+        const std::lock_guard lock(g_mutex);
+        cache->first = takeBatch(sizeClass, &count);
+    }
+    cache->room = BATCH[sizeClass] - count;
+}
+
+/* The cache's batch must be full: it becomes the reserve. */
+void makeRoom(Cache *cache, u32 sizeClass)
+{
+    if (cache->reserve != nullptr) {
+        const std::lock_guard lock(g_mutex);
+        giveBatch(cache->reserve, sizeClass, BATCH[sizeClass]);
+    }
+    cache->reserve = cache->first;
+    cache->first = nullptr;
+    cache->room = BATCH[sizeClass];
+}
+
 Header *takeSmall(ThreadMemory *memory, u64 size)
 {
     const u32 sizeClass = classOf(size);
     Cache *cache = &memory->caches[sizeClass];
     if (cache->first == nullptr) {
-        const std::lock_guard lock(g_mutex);
-        fillCache(cache, sizeClass);
+        refill(cache, sizeClass);
     }
     return cache->first != nullptr ? popBlock(cache) : nullptr;
 }
@@ -367,8 +408,7 @@ void giveSmall(ThreadMemory *memory, Header *header)
     const u32 sizeClass = header->sizeClass;
     Cache *cache = &memory->caches[sizeClass];
     if (cache->room == 0) {
-        const std::lock_guard lock(g_mutex);
-        drainCache(cache, sizeClass, BATCH[sizeClass]);
+        makeRoom(cache, sizeClass);
     }
     pushBlock(cache, header);
 }

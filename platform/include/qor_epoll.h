@@ -3,8 +3,8 @@
  *
  * A queue holds elements of a fixed size, first in, first out, bounded by its depth. Attached to an
  * epoll instance it makes the instance readable while it holds elements; the dispatcher then calls
- * the handler stored in the attached record, one element a call. Any thread may write; reads may
- * come from any thread.
+ * the handler stored in the attached record, one element a call, and not for an empty queue. Any
+ * thread may write; reads may come from any thread.
  */
 #ifndef QOR_EPOLL_H
 #define QOR_EPOLL_H
@@ -59,7 +59,10 @@ QOR_API u32 QorEpollQueWrite(QorQueueHandle queue, const void *element, u32 size
 /* Takes the oldest element: its size, or 0 when there is none (never waits). */
 QOR_API u32 QorEpollQueRead(QorQueueHandle queue, u32 option, void *element, u32 size);
 
-/* Hands each ready event to its record's handler; a full queue is drained in bounded batches. */
+/*
+ * Hands each ready event to its record's handler; a full queue is drained in bounded batches. A queue
+ * whose last element a handler took may stay readable until the dispatcher is done with it.
+ */
 QOR_API u32 QOR_Epoll_EvtProc(struct epoll_event *events, u32 count);
 
 QOR_END_C

@@ -1,5 +1,7 @@
+#include <atomic>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -116,6 +118,29 @@ TEST(QueueTest, BlockedWriterGoesOnWhenTheQueueEnds)
     writer.join();
 }
 
+/* Writers, a reader and a count that know the queue while it ends; its successor has its slot. */
+TEST(QueueTest, MayEndWhileItIsUsed)
+{
+    for (u32 round = 0; round < 100; ++round) {
+        const QorQueueHandle queue = create(2);
+        onThreads(4, [queue](u32 thread) {
+            if (thread == 0) {
+                while (QorEpollQueGetMsgNum(queue) == 0) {
+                    std::this_thread::yield();
+                }
+                QorQueueHandle ended = queue;
+                EXPECT_EQ(QorEpollQueDelete(&ended), 0U);
+                return;
+            }
+            while (put(queue, thread, thread == 1 ? 60000 : 0) != 1) {
+                EXPECT_LE(QorEpollQueGetMsgNum(queue), 2U);
+                const u64 value = thread == 3 ? take(queue) : 1;
+                EXPECT_TRUE(value - 1 < 3 || value == ~0ULL);
+            }
+        });
+    }
+}
+
 /* What the handlers of the following tests saw and do. */
 struct Handler {
     QorQueueContext context;
@@ -191,6 +216,73 @@ TEST(DispatcherTest, ToleratesRecordsThatAreMissingOrVanish)
     events[2].data.ptr = vanishing;
     EXPECT_EQ(QOR_Epoll_EvtProc(events, 3), 0U);
     EXPECT_EQ(QOR_Epoll_EvtProc(nullptr, 3), 1U);
+}
+
+TEST(DispatcherTest, IsQuietWhenItWasWokenForNothing)
+{
+    const int eventFd = dup(0); /* the number that the queue's eventfd gets */
+    close(eventFd);
+    Handler handler(5);
+    Epoll epoll;
+    ASSERT_EQ(epoll.attach(&handler.context), 0U);
+    const u64 late = 1;
+    ASSERT_EQ(write(eventFd, &late, sizeof(late)), 8);
+    ASSERT_EQ(epoll.ready(), 1U);
+    handler.context.handler = [](u64, QorQueueContext *) -> u32 {
+        ADD_FAILURE() << "called for an empty queue";
+        return 0;
+    };
+    EXPECT_EQ(QOR_Epoll_EvtProc(epoll.events, 1), 0U);
+    EXPECT_EQ(epoll.ready(), 0U);
+    ASSERT_EQ(write(eventFd, &late, sizeof(late)), 8);
+    EXPECT_EQ(take(handler.context.queue), ~0ULL);
+    EXPECT_EQ(epoll.ready(), 0U) << "a reader without a dispatcher clears, too";
+}
+
+struct Counter {
+    QorQueueContext context;
+    std::atomic<u64> count{0};
+
+    static u32 handle(u64, QorQueueContext *context)
+    {
+        auto *self = reinterpret_cast<Counter *>(context);
+        self->count += take(context->queue) != ~0ULL;
+        return 0;
+    }
+};
+
+/*
+ * Each element meets a queue that two dispatchers, and the writer itself now and then, have just
+ * emptied and are about to clear.
+ */
+TEST(DispatcherTest, LosesNoWakeUpWhileItClears)
+{
+    constexpr u64 MESSAGES = 20000;
+    Counter counter = {{create(4), {}, Counter::handle}};
+    const QorQueueHandle queue = counter.context.queue;
+    std::atomic<bool> ended{false};
+    onThreads(3, [&](u32 thread) {
+        Epoll epoll;
+        ASSERT_EQ(epoll.attach(&counter.context), 0U);
+        while (thread != 0) {
+            const u32 ready = epoll.ready(-1);
+            if (ended) {
+                return;
+            }
+            EXPECT_EQ(QOR_Epoll_EvtProc(epoll.events, ready), 0U);
+        }
+        for (u64 i = 0; i < MESSAGES; ++i) {
+            EXPECT_EQ(put(queue, i), 0U);
+            counter.count += i % 3 == 0 && take(queue) != ~0ULL;
+            /* A wake-up that does not come shows as the test's time-out. */
+            while (counter.count <= i) {
+                std::this_thread::yield();
+            }
+        }
+        ended = true;
+        EXPECT_EQ(put(queue, MESSAGES), 0U);
+    });
+    EXPECT_EQ(counter.count, MESSAGES);
 }
 
 /* Four writers that often wait for room; one dispatcher. Nothing lost, doubled or out of order. */
