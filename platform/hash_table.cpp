@@ -1,12 +1,13 @@
 /*
  * Hash tables of fixed-size nodes.
  *
- * Two structures over the same nodes. Buckets lead from a key to a node: each is a contiguous array
- * of node addresses, and behind it an array of their keys' tags. A tag is made of those bits of a key
- * that the compare function looks at; a search looks at the nodes with the right tag only, and so
- * mostly at one. Slabs hold the nodes in memory order, each with its state behind it. An iteration
- * follows the slabs, not the buckets: a node keeps its place in its slab, so neither a removal nor an
- * insertion can shift the nodes still to come, and a walk over many nodes reads memory forwards.
+ * Two structures over the same nodes. Buckets lead from a key to a node: a bucket is an array of node
+ * addresses, and behind it an array of their keys' tags. A tag is made of those bits of a key that the
+ * compare function looks at. It tells where in the arrays a search begins; the search ends at an empty
+ * place, and calls the compare function for equal tags only. Slabs hold the nodes in memory order, each
+ * with its state behind it. An iteration follows the slabs, not the buckets: a node keeps its place in
+ * its slab, so neither a removal nor an insertion can shift the nodes still to come, and a walk over
+ * many nodes reads memory forwards.
  *
  * Searches and removals run beside whatever concerns other buckets. So they write nothing but their
  * bucket, its nodes and a list of nodes given back; threads keep such lists apart, that no cache line
@@ -29,7 +30,6 @@ namespace {
 constexpr u64 LINE = 64;            /* bytes that travel together between processors */
 constexpr u32 FIRST_SLAB = 16;      /* nodes of a table's first slab */
 constexpr u64 SLAB_BYTES = 0x10000; /* a slab does not grow beyond (or is a single node) */
-constexpr u32 TAGS = 8;             /* compared at once */
 constexpr u32 WALK_AHEAD = 8;       /* nodes an iteration fetches ahead */
 constexpr u32 POOLS = 8;
 constexpr u32 KEY_WORDS = 8; /* of a key, at most, that its tag is made of */
@@ -49,6 +49,10 @@ struct Slab {
     u32 nodeCount;
     u32 used; /* nodes from here on were never handed out */
 };
+
+/* Of a key; NO_TAG marks an empty place of a bucket's array. */
+constexpr u16 NO_TAG = 0;
+constexpr u16 FIRST_TAG = 1;
 
 /* A single entry stands in the bucket itself: most buckets of a spread table need no array. */
 struct Bucket {
@@ -87,7 +91,7 @@ struct Table {
     u32 bucketCount;
     u32 bucketStep; /* see bucketOf */
     u8 partition;
-    u8 keyWords; /* 0: unknown, and all tags are 0 */
+    u8 keyWords; /* 0: unknown, and all tags are the same */
     KeyWord keyWord[KEY_WORDS];
     void *memory; /* this table's, as allocated */
     Bucket *buckets;
@@ -315,12 +319,7 @@ u16 tagOf(const Table *table, const void *key)
         (void)memcpy(&word, static_cast<const unsigned char *>(key) + part.offset, sizeof(word));
         sum += (word & part.mask) * part.factor;
     }
-    return static_cast<u16>(sum >> 48);
-}
-
-void **entriesOf(Bucket *bucket)
-{
-    return bucket->capacity == 0 ? &bucket->single : bucket->array;
+    return std::max(static_cast<u16>(sum >> 48), FIRST_TAG);
 }
 
 u16 *tagsOf(const Bucket *bucket)
@@ -340,109 +339,131 @@ void giveArray(Table *table, Bucket *bucket)
     }
 }
 
-/* Room for one more entry; growth by half keeps what is unused small. */
-bool reserveEntry(Table *table, Bucket *bucket)
+/* Where the search for a tag begins. */
+u32 homeOf(const Bucket *bucket, u16 tag)
 {
-    if (bucket->count < std::max(bucket->capacity, 1U)) {
-        return true;
+    return static_cast<u32>(u64{tag} * bucket->capacity >> 16);
+}
+
+u32 following(const Bucket *bucket, u32 index)
+{
+    return index + 1 == bucket->capacity ? 0 : index + 1;
+}
+
+/* Into an array with room. */
+void putEntry(Bucket *bucket, void *node, u16 tag)
+{
+    u16 *tags = tagsOf(bucket);
+    u32 index = homeOf(bucket, tag);
+    while (tags[index] != NO_TAG) {
+        index = following(bucket, index);
     }
+    tags[index] = tag;
+    bucket->array[index] = node;
+}
+
+bool growArray(Table *table, Bucket *bucket)
+{
     Bucket grown = *bucket;
-    grown.capacity = bucket->count + bucket->count / 2 + 2;
+    grown.capacity = bucket->count + bucket->count / 2 + 3;
     grown.array = static_cast<void **>(takeMemory(table, arrayBytes(grown.capacity)));
     if (grown.array == nullptr) {
         return false;
     }
-    std::copy_n(entriesOf(bucket), bucket->count, grown.array);
-    if (bucket->capacity != 0) {
-        std::copy_n(tagsOf(bucket), bucket->count, tagsOf(&grown));
-    } else {
-        tagsOf(&grown)[0] = tagOf(table, bucket->single);
+    std::fill_n(tagsOf(&grown), grown.capacity, NO_TAG);
+    if (bucket->capacity == 0) {
+        putEntry(&grown, bucket->single, tagOf(table, bucket->single));
+    }
+    for (u32 i = 0; i < bucket->capacity; ++i) {
+        if (tagsOf(bucket)[i] != NO_TAG) {
+            putEntry(&grown, bucket->array[i], tagsOf(bucket)[i]);
+        }
     }
     giveArray(table, bucket);
     *bucket = grown;
     return true;
 }
 
+/* Room for one more entry. An eighth of an array and one place stay empty: a search ends there. */
+bool reserveEntry(Table *table, Bucket *bucket)
+{
+    const u32 capacity = bucket->capacity;
+    const u32 most = capacity == 0 ? 1 : capacity - capacity / 8 - 1;
+    return bucket->count < most || growArray(table, bucket);
+}
+
 void addEntry(const Table *table, Bucket *bucket, void *node)
 {
-    if (bucket->capacity != 0) {
-        tagsOf(bucket)[bucket->count] = tagOf(table, node);
+    if (bucket->capacity == 0) {
+        bucket->single = node;
+    } else {
+        putEntry(bucket, node, tagOf(table, node));
     }
-    entriesOf(bucket)[bucket->count++] = node;
+    ++bucket->count;
 }
 
-/* The order within a bucket means nothing, so the last entry fills the gap. */
+/* Entries that a search would not reach any more across the gap move into it. */
+void closeGap(Bucket *bucket, u32 gap)
+{
+    u16 *tags = tagsOf(bucket);
+    const auto distance = [bucket](u32 from, u32 to) {
+        return to >= from ? to - from : to + bucket->capacity - from;
+    };
+    for (u32 i = following(bucket, gap); tags[i] != NO_TAG; i = following(bucket, i)) {
+        const u32 home = homeOf(bucket, tags[i]);
+        if (distance(home, i) >= distance(gap, i)) {
+            tags[gap] = tags[i];
+            bucket->array[gap] = bucket->array[i];
+            gap = i;
+        }
+    }
+    tags[gap] = NO_TAG;
+}
+
 void removeEntry(Table *table, Bucket *bucket, u32 index)
 {
-    const u32 last = --bucket->count;
-    entriesOf(bucket)[index] = entriesOf(bucket)[last];
-    if (bucket->capacity != 0) {
-        tagsOf(bucket)[index] = tagsOf(bucket)[last];
-    }
-    if (last == 0) {
+    if (--bucket->count == 0) {
         giveArray(table, bucket);
         *bucket = Bucket{};
+    } else {
+        closeGap(bucket, index);
     }
 }
 
-/* Whether one of the tags from here on is `tag`: a single comparison of the processor's. */
-bool anyTag(const u16 *tags, u16 tag)
-{
-    typedef u16 Vector __attribute__((vector_size(TAGS * sizeof(u16))));
-    Vector vector;
-    (void)memcpy(&vector, tags, sizeof(vector));
-    const auto equal = vector == tag;
-    u64 halves[2];
-    static_assert(sizeof(halves) == sizeof(equal));
-    (void)memcpy(halves, &equal, sizeof(halves));
-    return (halves[0] | halves[1]) != 0;
-}
-
-/* Apart from findEntry, that a bucket with a single entry does not pay for it. */
-__attribute__((noinline)) u32 findTagged(const Table *table, const Bucket *bucket, const void *key)
-{
-    const u32 count = bucket->count;
-    const u16 tag = tagOf(table, key);
-    const u16 *tags = tagsOf(bucket);
-    for (u32 i = 0; i < count;) {
-        if (i + TAGS <= count && !anyTag(tags + i, tag)) {
-            i += TAGS;
-            continue;
-        }
-        for (const u32 end = std::min(i + TAGS, count); i < end; ++i) {
-            if (tags[i] == tag && table->compare(key, bucket->array[i]) != 0) {
-                return i;
-            }
-        }
-    }
-    return count;
-}
-
-/* The index of the entry for the node with that key, or the entry count when there is none. */
-u32 findEntry(const Table *table, const Bucket *bucket, const void *key)
-{
-    if (bucket->capacity != 0) {
-        return findTagged(table, bucket, key);
-    }
-    return bucket->count != 0 && table->compare(key, bucket->single) != 0 ? 0 : bucket->count;
-}
-
-/* The bucket entry of a key. */
+/* A node and where its bucket has it; null when there is none. */
 struct Position {
     Bucket *bucket;
     u32 index;
-    bool found;
+    void *node;
 };
 
-Position findKey(Table *table, const void *key)
+/* Apart from findKey, that a bucket with a single entry does not pay for it. */
+__attribute__((noinline)) Position findTagged(const Table *table, Bucket *bucket, const void *key)
+{
+    const u16 tag = tagOf(table, key);
+    const u16 *tags = tagsOf(bucket);
+    u32 index = homeOf(bucket, tag);
+    __builtin_prefetch(&bucket->array[index]);
+    for (; tags[index] != NO_TAG; index = following(bucket, index)) {
+        if (tags[index] == tag && table->compare(key, bucket->array[index]) != 0) {
+            return {bucket, index, bucket->array[index]};
+        }
+    }
+    return {bucket, 0, nullptr};
+}
+
+Position findKey(const Table *table, const void *key)
 {
     const u32 hash = table->hash(key);
     if (hash >= table->bucketCount) {
-        return {nullptr, 0, false};
+        return {nullptr, 0, nullptr};
     }
     Bucket *bucket = bucketOf(table, hash);
-    const u32 index = findEntry(table, bucket, key);
-    return {bucket, index, index < bucket->count};
+    if (bucket->capacity != 0) {
+        return findTagged(table, bucket, key);
+    }
+    const bool found = bucket->count != 0 && table->compare(key, bucket->single) != 0;
+    return {bucket, 0, found ? bucket->single : nullptr};
 }
 
 /* ---- Iteration ---- */
@@ -602,8 +623,7 @@ void *HASH_FindElmtFromFirst(HASH_Handle handle, const void *key)
     if (table == nullptr || key == nullptr) {
         return nullptr;
     }
-    const Position position = findKey(table, key);
-    return position.found ? entriesOf(position.bucket)[position.index] : nullptr;
+    return findKey(table, key).node;
 }
 
 u32 HASH_RemoveElmtByKey(HASH_Handle handle, const void *key)
@@ -613,13 +633,12 @@ u32 HASH_RemoveElmtByKey(HASH_Handle handle, const void *key)
         return QOR_FAIL;
     }
     const Position position = findKey(table, key);
-    if (!position.found) {
+    if (position.node == nullptr) {
         return QOR_FAIL;
     }
     /* `key` may be the node's own: it is not read any more from here on. */
-    void *node = entriesOf(position.bucket)[position.index];
     removeEntry(table, position.bucket, position.index);
-    giveNodeBack(table, node);
+    giveNodeBack(table, position.node);
     return QOR_OK;
 }
 
