@@ -527,7 +527,9 @@ void setKeyWords(Table *table, const unsigned char *mask, u32 known)
 bool learnKey(Table *table)
 {
     const u32 nodeSize = table->nodeSize;
-    auto *keys = static_cast<unsigned char *>(takeMemory(table, 2ULL * nodeSize));
+    /* Larger than what threads keep for later: it is needed only once. */
+    const u64 size = std::max<u64>(2ULL * nodeSize, 0x1000);
+    auto *keys = static_cast<unsigned char *>(takeMemory(table, size));
     if (keys == nullptr) {
         return false;
     }
@@ -536,7 +538,7 @@ bool learnKey(Table *table)
     const u32 known = learnMask(table->compare, keys, keys + nodeSize,
                                 std::min(nodeSize, static_cast<u32>(sizeof(mask))), mask);
     setKeyWords(table, mask, known);
-    giveMemory(table, keys, 2ULL * nodeSize);
+    giveMemory(table, keys, size);
     return true;
 }
 

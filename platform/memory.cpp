@@ -3,8 +3,8 @@
  *
  * Blocks of up to a kilobyte are cached by size, per thread and behind that in a pool common to all
  * threads; larger ones come from the C library. A block that another thread frees enters that
- * thread's cache, and flows back through the pool with a batch of others. Under a sanitizer every block is the
- * C library's, so that the sanitizer sees each allocation and each free.
+ * thread's cache, and flows back through the pool with a batch of others. Under a sanitizer every
+ * block is the C library's, so that the sanitizer sees each allocation and each free.
  *
  * Each thread counts for itself what it allocates and frees per partition, wrapping around below
  * zero when it frees blocks of others; only the sum over all threads means something. A thread that
