@@ -14,7 +14,7 @@ struct Place {
 
 inline Place PlaceOf(const CommonTable &table, const void *key)
 {
-    const u32 bucket = table.hash(key);
+    const u32 bucket = table.hash(key) % kBucketCount; // also of a hash that was patched
     OpStripe &stripe = table.opStripes[bucket % kOpStripes];
     return {&stripe.mutex, &stripe.releases[bucket / kOpStripes]};
 }
