@@ -2,10 +2,11 @@
  * ICIB arbitration: its hash tables, record functions, handlers, release and walk. What it shares
  * with IPAT is in tables.h.
  *
- * Locks: g_icibOpRecordMutex guards the op records, g_icibReOpRecordMutex the waiting requests. The
- * module never holds both, except that a callback run by the walk, which holds the latter, may ask
- * for a token: re-op mutex before op mutex. The bare searches take no lock and return a pointer into
- * the table: for callers that know that nobody removes the entry meanwhile.
+ * Locks: the op records have a stripe's mutex and g_icibOpRecordMutex (tables.h), the waiting requests
+ * g_icibReOpRecordMutex. The module never holds the former and the latter at once, except that a
+ * callback run by the walk, which holds the latter, may ask for a token. The bare searches take no lock
+ * and return a pointer into the table: for callers that know that nobody changes the entry, or adds
+ * or removes one of its bucket, meanwhile.
  */
 #ifndef ARBITRATION_ICIB_H
 #define ARBITRATION_ICIB_H

@@ -20,7 +20,8 @@
  *   - A release claims the entry's waiting requests, calls back with no lock held, and removes them
  *     in the same hold of the mutex that found no further one. Whoever meets a claimed entry leaves
  *     it to the claimer; requests appended meanwhile are notified by the claimer too.
- *   - No code holds mutexes of op records and of waiting requests at once; foreign code runs under none but in the ICIB walk.
+ *   - No code holds mutexes of op records and of waiting requests at once, and foreign code runs
+ *     under none, but in the ICIB walk.
  * Messages are written with no mutex held, in the order of the steps they report.
  */
 #ifndef ARBITRATION_TABLES_H

@@ -372,6 +372,7 @@ u32 QorEpollQueDelete(QorQueueHandle *queue)
     ++slot->generation;
     /* The positions go on with the next queue: a count that is under way never goes wrong. */
     slot->taken = slot->posted.load();
+    slot->takenSeen = slot->posted;
     slot->postedSeen = slot->posted.load();
     free(slot->ring);
     slot->ring = nullptr;

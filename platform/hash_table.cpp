@@ -526,17 +526,18 @@ void setKeyWords(Table *table, const unsigned char *mask, u32 known)
 
 bool learnKey(Table *table)
 {
-    const u32 nodeSize = table->nodeSize;
+    /* As far apart as nodes are, for the alignment of their fields. */
+    const u64 bytes = 2ULL * table->stride;
     /* Larger than what threads keep for later: it is needed only once. */
-    const u64 size = std::max<u64>(2ULL * nodeSize, 0x1000);
+    const u64 size = std::max<u64>(bytes, 0x1000);
     auto *keys = static_cast<unsigned char *>(takeMemory(table, size));
     if (keys == nullptr) {
         return false;
     }
-    (void)memset(keys, 0, 2ULL * nodeSize);
+    (void)memset(keys, 0, bytes);
     unsigned char mask[KEY_WORDS * sizeof(u64)] = {};
-    const u32 known = learnMask(table->compare, keys, keys + nodeSize,
-                                std::min(nodeSize, static_cast<u32>(sizeof(mask))), mask);
+    const u32 known = learnMask(table->compare, keys, keys + table->stride,
+                                std::min(table->nodeSize, static_cast<u32>(sizeof(mask))), mask);
     setKeyWords(table, mask, known);
     giveMemory(table, keys, size);
     return true;
@@ -553,7 +554,7 @@ HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_Has
         ZIR_HandleInitialize("qor-hash", &memHandle) != QOR_OK) {
         return nullptr;
     }
-    const u32 bucketStep = (bucketCount + BUCKETS_PER_LINE - 1) / BUCKETS_PER_LINE;
+    const u32 bucketStep = (bucketCount - 1) / BUCKETS_PER_LINE + 1;
     const u64 size = sizeof(Table) + bucketStep * LINE + LINE;
     void *memory = ZIR_MemAlloc(memHandle, partition, size);
     if (memory == nullptr) {

@@ -103,7 +103,10 @@ TEST_F(Messages, OfIcibRequests)
     const Key key = MakeKey();
     L2ResQueryEntry entries[L2RES_QUERY_MAX] = {};
     u16 count = 77;
-    const auto query = [&] { return QorL2ResIcibGet(&key.icib, entries, &count); };
+    const auto query = [&] {
+        AtUnlock(kIcib.opMutex, [] {}); // it waits for a writer of any entry
+        return QorL2ResIcibGet(&key.icib, entries, &count);
+    };
     const Lines checked = {"2/0 check init alarmType:0, flag: 1.",
                            "2/0 [QorL2ResExceedCheck], total:10, used:4, idle:6, ret:0."};
     const Lines held = IcibFound("Stamp:100,Op:1,SrvType:10,Used:1");

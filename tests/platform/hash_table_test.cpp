@@ -245,11 +245,84 @@ TEST(HashTableTest, BucketsOfDifferentThreadsDoNotMeet)
     deleteAndExpectNothingLeft(table);
 }
 
+/* Of a key's `g_keySize` bytes the second is padding; the others count modulo `g_modulo`. */
+u32 g_keySize, g_modulo;
+
+u32 compareBytes(const void *a, const void *b)
+{
+    EXPECT_EQ(reinterpret_cast<u64>(b) % 8, 0U) << "nodes are aligned for any field";
+    const auto *left = static_cast<const u8 *>(a), *right = static_cast<const u8 *>(b);
+    for (u32 i = 0; i < g_keySize; ++i) {
+        if (i != 1 && left[i] % g_modulo != right[i] % g_modulo) {
+            return 0;
+        }
+    }
+    return 1;
+}
+
+TEST(HashTableTest, TakesNodesAndKeysOfAnySize)
+{
+    for (const auto &[nodeSize, keySize] :
+         {std::pair{1U, 1U}, {3U, 2U}, {8U, 8U}, {13U, 9U}, {100U, 70U}}) {
+        for (u32 option : {0U, u32{HASH_ANY_KEY}}) {
+            const u32 modulo = option == HASH_ANY_KEY ? 31 : 256;
+            g_keySize = keySize;
+            g_modulo = modulo;
+            HASH_Handle table = HASH_CreateNew(
+                PARTITION, nodeSize, 3, [](const void *) -> u32 { return 2; }, compareBytes,
+                option);
+            std::vector<u8> key(keySize); /* no longer, that a sanitizer sees who reads on */
+            const auto setKey = [&, size = keySize](u32 number, u32 second) {
+                for (u32 i = 0; i < size; ++i) {
+                    key[i] = static_cast<u8>((i == 1 ? second : number + i) % modulo);
+                }
+            };
+            void *nodes[31];
+            for (u32 i = 0; i < 31; ++i) {
+                setKey(i, 5);
+                nodes[i] = HASH_NewData(table, 0);
+                memset(nodes[i], 0x55, nodeSize);
+                memcpy(nodes[i], key.data(), keySize);
+                EXPECT_EQ(HASH_AddNode(table, nodes[i], nodes[i], 0), 0U);
+            }
+            for (u32 i = 0; i < 31; ++i) {
+                setKey(i, 6);
+                key[0] = static_cast<u8>(key[0] + modulo);
+                EXPECT_EQ(HASH_FindElmtFromFirst(table, key.data()), nodes[i]);
+                EXPECT_EQ(HASH_RemoveElmtByKey(table, key.data()), 0U);
+                EXPECT_EQ(HASH_FindElmtFromFirst(table, key.data()), nullptr);
+            }
+            deleteAndExpectNothingLeft(table);
+        }
+    }
+}
+
+TEST(HashTableTest, UsesAgainWhatOtherThreadsGaveBack)
+{
+    HASH_Handle table = create(16);
+    HASH_Stat first = {}, last = {};
+    for (u32 round = 0; round < 10; ++round) {
+        for (u32 i = 0; i < 100; ++i) {
+            add(table, 1, i);
+        }
+        HASH_GetStat(table, round == 0 ? &first : &last);
+        onThreads(1, [table](u32) {
+            for (u32 i = 0; i < 100; ++i) {
+                const Key key = {1, i, 7};
+                EXPECT_EQ(HASH_RemoveElmtByKey(table, &key), 0U);
+            }
+        });
+    }
+    EXPECT_EQ(last.bytes, first.bytes);
+    deleteAndExpectNothingLeft(table);
+}
+
 TEST(HashTableTest, RefusesBadArguments)
 {
     g_buckets = 8;
     EXPECT_EQ(HASH_CreateNew(PARTITION, 0, 8, hashKey, compareKeys, 0), nullptr);
     EXPECT_EQ(HASH_CreateNew(PARTITION, 16, 0, hashKey, compareKeys, 0), nullptr);
+    EXPECT_EQ(HASH_CreateNew(PARTITION, 16, 0xFFFFFFFF, hashKey, compareKeys, 0), nullptr);
     EXPECT_EQ(HASH_CreateNew(PARTITION, 16, 8, nullptr, compareKeys, 0), nullptr);
     EXPECT_EQ(HASH_CreateNew(PARTITION, 16, 8, hashKey, nullptr, 0), nullptr);
     EXPECT_EQ(HASH_CreateNew(PARTITION, 16, 8, hashKey, compareKeys, 2), nullptr);

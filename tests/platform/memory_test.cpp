@@ -1,6 +1,7 @@
 #include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -147,6 +148,26 @@ TEST(MemoryTest, BlocksFreedByOtherThreadsAreCountedOnce)
         }
     });
     expectLive(PARTITION, 0, 0);
+}
+
+/* What a thread leaves behind, and what it freed of others', is used again. */
+TEST(MemoryTest, NeedsNoMoreWhenThreadsComeAndGo)
+{
+    const u32 handle = newHandle();
+    std::vector<void *> blocks(2000);
+    size_t after[20];
+    for (size_t &used : after) {
+        for (void *&block : blocks) {
+            block = ZIR_MemAlloc(handle, PARTITION, 100);
+        }
+        onThreads(1, [&](u32) {
+            for (void *block : blocks) {
+                EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
+            }
+        });
+        used = mallinfo2().uordblks; /* of the C library; a sanitizer's is another */
+    }
+    EXPECT_LT(after[19], after[1] + 0x40000);
 }
 
 TEST(MemoryTest, Compares)

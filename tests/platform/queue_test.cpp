@@ -45,6 +45,13 @@ struct Epoll {
 
 TEST(QueueTest, IsFirstInFirstOutAndReadableWhileItHoldsElements)
 {
+    QorQueueHandle deeper = create(9); /* whose slot the queue gets, and with it its positions */
+    for (u64 i = 0; i < 5; ++i) {
+        EXPECT_EQ(put(deeper, i), 0U);
+        EXPECT_EQ(take(deeper), i);
+    }
+    EXPECT_EQ(put(deeper, 5), 0U);
+    EXPECT_EQ(QorEpollQueDelete(&deeper), 0U);
     QorQueueContext context = {create(3), {}, nullptr};
     const QorQueueHandle queue = context.queue;
     Epoll epoll;

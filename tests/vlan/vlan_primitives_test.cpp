@@ -130,4 +130,7 @@ TEST(VlanPrimitives, IngressMappingsOverflowIntoEntryZero)
     }
     QorL2ResGetIveMappingInfo(7, 8, 9, 127);
     EXPECT_EQ(g_iveEditCommandItem[127].profileId, 8);
+    QorL2ResGetIveMappingInfo(0, 0, 9, 60);
+    EXPECT_EQ(QorL2ResCmpIveCommandMapping(4, 4, 5), 0u);
+    EXPECT_EQ(g_iveEditCommandItem[60].tagFormat, 4u) << "free whatever its command";
 }
