@@ -19,6 +19,7 @@ inline Place PlaceOf(const CommonTable &table, const void *key)
     return {&stripe.mutex, &stripe.releases[bucket / kOpStripes]};
 }
 
+// `place` is there for the analysis of locks alone.
 inline L2ResOpRecord *FindRecord(const CommonTable &table, [[maybe_unused]] const Place &place,
                                  const void *key) QOR_REQUIRES(*place.mutex)
 {

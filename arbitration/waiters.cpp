@@ -287,10 +287,6 @@ inline u32 Notify(const CommonTable &table, const L2ResWaiter &waiter, void *nod
                                      waiter.data);
 }
 
-} // namespace
-
-namespace {
-
 u32 NoWaiters(const CommonTable &table, const void *key)
 {
     if (table.lines.noWaiters != nullptr && LogIsAttached()) {

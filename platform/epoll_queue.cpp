@@ -284,6 +284,21 @@ void dispatch(QorQueueContext *context)
     leave(queue, handle);
 }
 
+/*
+ * Positions go on from where the slot's last queue left them, so that a count under way for that one
+ * never goes wrong. Needs both mutexes.
+ */
+void beginEmpty(Queue *queue)
+{
+    const u64 position = queue->posted;
+    queue->taken = position;
+    queue->takenSeen = position;
+    queue->postedSeen = position;
+    queue->next = 0;
+    queue->oldest = 0;
+    queue->announced = false;
+}
+
 Queue *findFreeSlot()
 {
     for (Queue &queue : g_queues) {
@@ -323,11 +338,9 @@ u32 QorEpollQueCreate(const char *name, u32 depth, QorQueueHandle *queue, u32 op
     const QueueLock postLock(&slot->postMutex);
     slot->depth = depth;
     slot->elementSize = elementSize;
-    slot->next = 0;
-    slot->oldest = 0;
-    slot->announced = false;
     slot->ring = ring;
     slot->eventFd = eventFd;
+    beginEmpty(slot);
     const u32 generation = ++slot->generation;
     *queue = static_cast<u64>(generation) << 32 | static_cast<u64>(slot - g_queues + 1);
     return QOR_OK;
@@ -370,10 +383,6 @@ u32 QorEpollQueDelete(QorQueueHandle *queue)
         return QOR_FAIL;
     }
     ++slot->generation;
-    /* The positions go on with the next queue: a count that is under way never goes wrong. */
-    slot->taken = slot->posted.load();
-    slot->takenSeen = slot->posted;
-    slot->postedSeen = slot->posted.load();
     free(slot->ring);
     slot->ring = nullptr;
     slot->context = nullptr;

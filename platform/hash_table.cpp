@@ -50,9 +50,9 @@ struct Slab {
     u32 used; /* nodes from here on were never handed out */
 };
 
-/* Of a key; NO_TAG marks an empty place of a bucket's array. */
+/* A key has a tag from LEAST_TAG on; NO_TAG marks an empty place of a bucket's array. */
 constexpr u16 NO_TAG = 0;
-constexpr u16 FIRST_TAG = 1;
+constexpr u16 LEAST_TAG = 1;
 
 /* A single entry stands in the bucket itself: most buckets of a spread table need no array. */
 struct Bucket {
@@ -319,7 +319,7 @@ u16 tagOf(const Table *table, const void *key)
         (void)memcpy(&word, static_cast<const unsigned char *>(key) + part.offset, sizeof(word));
         sum += (word & part.mask) * part.factor;
     }
-    return std::max(static_cast<u16>(sum >> 48), FIRST_TAG);
+    return std::max(static_cast<u16>(sum >> 48), LEAST_TAG);
 }
 
 u16 *tagsOf(const Bucket *bucket)

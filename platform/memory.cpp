@@ -49,7 +49,10 @@ constexpr u64 BATCH_BYTES = 0x2000; /* about as much moves between a cache and t
 
 /* Stands before every block. */
 struct alignas(16) Header {
-    u64 size; /* as asked for */
+    union {
+        u64 size;         /* as asked for */
+        u64 blocksInPool; /* of the batch that a free block stands for */
+    };
     u32 mark; /* liveMark() while the block is live */
     u8 partition;
     u8 sizeClass; /* for ever; 0: the C library's, in no cache */
@@ -58,7 +61,7 @@ static_assert(sizeof(Header) == 16);
 
 /* Free blocks are linked in batches; in the pool, the first one of each stands for all. */
 struct FreeBlock {
-    Header header; /* size: blocks in the batch */
+    Header header;
     FreeBlock *next;
     FreeBlock *nextBatch;
 };
@@ -244,14 +247,14 @@ FreeBlock *takeBatch(u32 sizeClass, u32 *count)
         return carveBatch(sizeClass, count);
     }
     g_pool[sizeClass] = batch->nextBatch;
-    *count = static_cast<u32>(batch->header.size);
+    *count = static_cast<u32>(batch->header.blocksInPool);
     return batch;
 }
 
 void giveBatch(FreeBlock *batch, u32 sizeClass, u32 count)
 {
     if (batch != nullptr) {
-        batch->header.size = count;
+        batch->header.blocksInPool = count;
         batch->nextBatch = g_pool[sizeClass];
         g_pool[sizeClass] = batch;
     }

@@ -1,5 +1,6 @@
 #include "vlan_edit/vlan_direction.h"
 
+#include <stddef.h>
 #include <string.h>
 
 #include "bounded.h"
@@ -36,11 +37,11 @@ template <typename Test> inline u32 FirstCommand(const VlanDirection *direction,
     return FirstFrom<L2RES_VLAN_COMMAND_COUNT>(direction->commands, direction->firstCommand, test);
 }
 
-/* Two neighbouring fields of a command, from the named one on, as one word to compare. */
-inline u64 TwoFields(const u32 &first)
+/* Two neighbouring fields of a command, from that offset on, as one word to compare. */
+inline u64 TwoFields(const VlanEditCommand &command, size_t offset)
 {
     u64 word;
-    memcpy(&word, &first, sizeof word);
+    memcpy(&word, reinterpret_cast<const u8 *>(&command) + offset, sizeof word);
     return word;
 }
 
@@ -111,10 +112,12 @@ u16 VlanOwnedProfile(const VlanDirection *direction, u32 servType, u32 outerTpid
 
 u16 VlanFindCommand(const VlanDirection *direction, const VlanEditCommand *command)
 {
-    const u64 tags = TwoFields(command->outerTag);
-    const u64 priorities = TwoFields(command->outerPri);
+    constexpr size_t kTags = offsetof(VlanEditCommand, outerTag);
+    constexpr size_t kPriorities = offsetof(VlanEditCommand, outerPri);
+    const u64 tags = TwoFields(*command, kTags);
+    const u64 priorities = TwoFields(*command, kPriorities);
     const auto isSame = [=](const VlanEditCommand &entry) {
-        return TwoFields(entry.outerTag) == tags && TwoFields(entry.outerPri) == priorities &&
+        return TwoFields(entry, kTags) == tags && TwoFields(entry, kPriorities) == priorities &&
                ZIR_MemCmp(&entry, command, sizeof entry) == 0;
     };
     return static_cast<u16>(FirstCommand(direction, isSame));

@@ -30,9 +30,10 @@ typedef struct {
  * option, no memory.
  *
  * option 0: two keys are equal when certain bits of theirs are, whatever their values. The table finds
- * out which by comparing keys that differ in one bit (a node's bytes, else all 0), and tells most
- * keys apart without a call of `compare`. HASH_ANY_KEY: nothing is known of the keys but what
- * `compare` says.
+ * out which by comparing keys that differ in one bit (a node's bytes, else all 0; no pointer in them
+ * may be followed), and tells most keys apart without a call of `compare`. HASH_ANY_KEY: nothing is
+ * known of the keys but what `compare` says. Then, and for keys of less than 8 bytes, a search looks at
+ * every node of its bucket.
  */
 enum { HASH_ANY_KEY = 1 };
 QOR_API HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_HashFunc hash,
