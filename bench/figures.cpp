@@ -22,9 +22,8 @@ void Figures::ReportRuns(const std::vector<Run> &runs)
             Sample(name,
                    figure != run.counters.end() ? figure->second.value : run.GetAdjustedCPUTime());
             Sample(name + "/wall", run.GetAdjustedRealTime());
-            const auto wakeUps = run.counters.find("wakeups");
-            if (wakeUps != run.counters.end()) {
-                Sample(name + "/wakeups", wakeUps->second.value);
+            for (const auto &[counter, value] : run.counters) {
+                Sample(name + "/" + counter, value.value);
             }
         }
     }
@@ -219,8 +218,8 @@ std::vector<Row> Rows(const Figures &f)
         {"- wake-ups per message", "", f("stream/module/wakeups"), {}, {}, Bound::figure, 1, NAN},
         {"wake-up of the sleeping worker",
          "ns",
-         f("wake/module"),
-         {"eventfd + epoll", f("wake/raw")},
+         f("wake/both/module"),
+         {"eventfd + epoll", f("wake/both/raw")},
          {},
          Bound::timesPeer,
          1.05,

@@ -4,6 +4,7 @@
  * write and read of the queue's eventfd are counted by defining both here, before the C library's:
  * that shows the wake-ups without any help from the platform.
  */
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
@@ -16,6 +17,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "bench.h"
@@ -212,73 +214,162 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kFallAsleep = std::chrono::microseconds(60);
 
-/* Median of the time from `post` to the moment that `handled` is stamped on the other thread. */
-template <class Post>
-void WakeUp(benchmark::State &state, const std::atomic<Clock::rep> &handled, Post post)
-{
-    std::vector<double> samples;
-    for (auto _ : state) {
-        std::this_thread::sleep_for(kFallAsleep);
-        const Clock::rep before = handled.load();
-        const Clock::rep start = Clock::now().time_since_epoch().count();
-        post();
-        Clock::rep end = handled.load();
-        while (end == before) {
-            end = handled.load();
+/*
+ * Scope in which the calling thread stays on the first processor that it may use, as poster and
+ * sleepers all do: where the scheduler puts them makes more difference than what they do.
+ */
+class OnFirstProcessor {
+public:
+    OnFirstProcessor()
+    {
+        (void)sched_getaffinity(0, sizeof before_, &before_);
+        int first = 0;
+        while (first + 1 < CPU_SETSIZE && !CPU_ISSET(first, &before_)) {
+            ++first;
         }
-        samples.push_back(static_cast<double>(end - start));
+        cpu_set_t only;
+        CPU_ZERO(&only);
+        CPU_SET(first, &only);
+        (void)sched_setaffinity(0, sizeof only, &only);
     }
-    std::nth_element(samples.begin(), samples.begin() + samples.size() / 2, samples.end());
-    state.counters["figure"] = samples[samples.size() / 2];
-}
+    ~OnFirstProcessor()
+    {
+        (void)sched_setaffinity(0, sizeof before_, &before_);
+    }
+    OnFirstProcessor(const OnFirstProcessor &) = delete;
+    OnFirstProcessor &operator=(const OnFirstProcessor &) = delete;
+
+private:
+    cpu_set_t before_;
+};
 
 std::atomic<Clock::rep> g_probed{0};
 
 /* The probe of a raised alarm calls the count hook: that is where a message is seen handled. */
-void WakeWorker(benchmark::State &state)
+void PostProbe()
 {
-    (void)Module();
-    StartWorker();
-    g_onCount = [] { g_probed.store(Clock::now().time_since_epoch().count()); };
-    const std::atomic_ref raised(g_qorl2ResAlarmTbl[L2RES_ALARM_ICIB_PP].raised);
-    raised.store(1);
-    WakeUp(state, g_probed, [] { (void)QorL2ResMsgWrite(L2RES_MSG_PROBE, nullptr, 0); });
-    AwaitHandled();
-    raised.store(0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1)); // the last probe returns
-    g_onCount = nullptr;
+    (void)QorL2ResMsgWrite(L2RES_MSG_PROBE, nullptr, 0);
 }
 
-/* An eventfd in an epoll instance, and nothing else. */
-void WakeRaw(benchmark::State &state)
+void StampProbe()
 {
-    const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    const int epoll = epoll_create1(EPOLL_CLOEXEC);
-    epoll_event wanted = {};
-    wanted.events = EPOLLIN;
-    (void)epoll_ctl(epoll, EPOLL_CTL_ADD, event, &wanted);
-    static std::atomic<Clock::rep> handled{0};
-    std::atomic<bool> ended{false};
-    std::thread sleeper([&] {
-        while (!ended) {
+    g_probed.store(Clock::now().time_since_epoch().count());
+}
+
+/* Runs `act` on the worker. */
+void OnWorker(void (*act)())
+{
+    static std::atomic<void (*)()> acts{nullptr};
+    acts = act;
+    const Clock::rep before = g_probed.load();
+    g_onCount = [] {
+        acts.load()();
+        StampProbe();
+    };
+    PostProbe();
+    while (g_probed.load() == before) {
+        std::this_thread::yield();
+    }
+    AwaitHandled();
+}
+
+/* An eventfd in an epoll instance, a thread that sleeps there, and nothing else. */
+class RawSleeper {
+public:
+    RawSleeper()
+    {
+        epoll_event wanted = {};
+        wanted.events = EPOLLIN;
+        (void)epoll_ctl(epoll_, EPOLL_CTL_ADD, event_, &wanted);
+        thread_ = std::thread([this] { Serve(); });
+    }
+    ~RawSleeper()
+    {
+        ended_ = true;
+        Post();
+        thread_.join();
+        (void)close(epoll_);
+        (void)close(event_);
+    }
+    RawSleeper(const RawSleeper &) = delete;
+    RawSleeper &operator=(const RawSleeper &) = delete;
+
+    void Post() const
+    {
+        const u64 one = 1;
+        (void)!::write(event_, &one, sizeof one);
+    }
+    std::atomic<Clock::rep> handled{0};
+
+private:
+    void Serve()
+    {
+        const OnFirstProcessor here;
+        while (!ended_) {
             epoll_event ready[8] = {};
-            if (epoll_wait(epoll, ready, 8, -1) > 0) {
+            if (epoll_wait(epoll_, ready, 8, -1) > 0) {
                 u64 value = 0;
-                (void)!::read(event, &value, sizeof value);
+                (void)!::read(event_, &value, sizeof value);
                 handled.store(Clock::now().time_since_epoch().count());
             }
         }
-    });
-    const auto post = [event] {
-        const u64 one = 1;
-        (void)!::write(event, &one, sizeof one);
-    };
-    WakeUp(state, handled, post);
-    ended = true;
+    }
+
+    const int event_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    const int epoll_ = epoll_create1(EPOLL_CLOEXEC);
+    std::atomic<bool> ended_{false};
+    std::thread thread_;
+};
+
+/* From `post` to the moment that `handled` is stamped on the sleeper's thread, in ns. */
+template <class Post> double TimeToWake(const std::atomic<Clock::rep> &handled, Post post)
+{
+    std::this_thread::sleep_for(kFallAsleep);
+    const Clock::rep before = handled.load();
+    const Clock::rep start = Clock::now().time_since_epoch().count();
     post();
-    sleeper.join();
-    (void)close(epoll);
-    (void)close(event);
+    Clock::rep end = handled.load();
+    while (end == before) {
+        std::this_thread::yield(); // on the processor that the sleeper needs
+        end = handled.load();
+    }
+    return static_cast<double>(end - start);
+}
+
+double Median(std::vector<double> samples)
+{
+    const auto middle = samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 2);
+    std::nth_element(samples.begin(), middle, samples.end());
+    return *middle;
+}
+
+/* The module's worker and a raw sleeper take turns, so that both see the machine in the same mood. */
+void WakeUp(benchmark::State &state)
+{
+    static std::optional<OnFirstProcessor> workers;
+    (void)Module();
+    StartWorker();
+    const std::atomic_ref raised(g_qorl2ResAlarmTbl[L2RES_ALARM_ICIB_PP].raised);
+    raised.store(1);
+    OnWorker([] { workers.emplace(); });
+    g_onCount = StampProbe;
+    {
+        const OnFirstProcessor here;
+        RawSleeper raw;
+        std::vector<double> worker;
+        std::vector<double> sleeper;
+        for (auto _ : state) {
+            worker.push_back(TimeToWake(g_probed, PostProbe));
+            sleeper.push_back(TimeToWake(raw.handled, [&raw] { raw.Post(); }));
+        }
+        state.counters["module"] = Median(worker);
+        state.counters["raw"] = Median(sleeper);
+    }
+    AwaitHandled();
+    OnWorker([] { workers.reset(); });
+    raised.store(0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1)); // the last probe returns
+    g_onCount = nullptr;
 }
 
 } // namespace
@@ -290,8 +381,7 @@ void AddWorker()
 #ifdef BENCH_GLIB
     Add("stream/glib", StreamOver<GlibQueue>);
 #endif
-    Add("wake/module", WakeWorker);
-    Add("wake/raw", WakeRaw);
+    Add("wake/both", WakeUp);
 }
 
 } // namespace bench
