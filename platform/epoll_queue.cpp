@@ -190,10 +190,20 @@ u32 following(const Queue *queue, u32 index)
     return index + 1 == queue->depth ? 0 : index + 1;
 }
 
+/* Mostly the address of a message: then without a call. */
+void copyElement(const Queue *queue, void *to, const void *from)
+{
+    if (queue->elementSize == sizeof(void *)) {
+        (void)memcpy(to, from, sizeof(void *));
+    } else {
+        (void)memcpy(to, from, queue->elementSize);
+    }
+}
+
 /* Needs the posting mutex, and room. */
 void append(Queue *queue, const void *element)
 {
-    (void)memcpy(elementAt(queue, queue->next), element, queue->elementSize);
+    copyElement(queue, elementAt(queue, queue->next), element);
     queue->next = following(queue, queue->next);
     queue->posted.store(queue->posted.load(std::memory_order_relaxed) + 1,
                         std::memory_order_release);
@@ -236,7 +246,7 @@ bool hasElement(Queue *queue)
 /* Needs the taking mutex, and an element. */
 void takeOldest(Queue *queue, void *element)
 {
-    (void)memcpy(element, elementAt(queue, queue->oldest), queue->elementSize);
+    copyElement(queue, element, elementAt(queue, queue->oldest));
     queue->oldest = following(queue, queue->oldest);
     queue->taken.store(queue->taken.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     if (queue->waitingWriters > 0) {
