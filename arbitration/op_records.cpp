@@ -88,7 +88,7 @@ L2ResOpRecord *SearchOpRecord(const CommonTable &table, const void *key) QOR_NO_
     if (key == nullptr) {
         return nullptr;
     }
-    L2ResOpRecord *record = FindRecord(table, PlaceOf(table, key), key);
+    L2ResOpRecord *record = FindRecord(table, {}, key);
     WriteSearch(table, key, record);
     return record;
 }
@@ -188,13 +188,13 @@ Replacement Store(const CommonTable &table, const void *key, const L2ResOpRecord
         report.existed = true;
         report.before = *stored;
     }
-    bool overtaken = false;
-    u32 ret = QOR_OK;
-    if (judged != nullptr) {
-        overtaken = judged->exists != report.existed ||
-                    (report.existed && !SameRecord(judged->record, report.before));
-        judged->releases = overtaken ? judged->releases : *place.releases;
+    const bool overtaken =
+        judged != nullptr && (judged->exists != report.existed ||
+                              (report.existed && !SameRecord(judged->record, report.before)));
+    if (judged != nullptr && !overtaken) {
+        judged->releases = *place.releases;
     }
+    u32 ret = QOR_OK;
     if (!overtaken) {
         ret = report.existed ? Overwrite(table, stored, record, &report)
                              : Insert(table, key, record, &report);

@@ -37,7 +37,8 @@ QOR_API void QorL2ResHashDestroy(HASH_Handle handle);
 
 /*
  * Keep the op records of a table still, for those who look into its hash table themselves. While they
- * are locked, no other thread changes any, and none but the bare searches reads them. An unknown table id: nothing happens.
+ * are locked, no other thread changes any, and none but the bare searches reads them. An unknown
+ * table id: nothing happens.
  */
 QOR_API void QorL2ResOpRecordsLock(u32 tableId);
 QOR_API void QorL2ResOpRecordsUnlock(u32 tableId);

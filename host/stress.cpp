@@ -343,19 +343,13 @@ void Stress::drain()
 
 Memory Stress::memory() const
 {
+    const Inspector::Memory all = host_.inspector.memory();
     Memory sum{};
-    u64 tables = 0;
-    for (const char *name : {"g_icibOpRecordHash", "g_icibReOpRecordHash", "g_ipatOpRecordHash",
-                             "g_ipatReOpRecordHash"}) {
-        HASH_Stat stat{};
-        HASH_GetStat(*static_cast<HASH_Handle *>(host_.module.symbol(name)), &stat);
-        sum.nodes += stat.nodes;
-        sum.buffers += stat.buffers;
-        tables += stat.bytes;
+    for (const Inspector::Hash &hash : all.hashes) {
+        sum.nodes += hash.stat.nodes;
+        sum.buffers += hash.stat.buffers;
     }
-    ZIR_PartitionStat partition{};
-    ZIR_PartitionGetStat(host_.services.partition(), &partition);
-    sum.bytes = partition.liveBytes - tables;
+    sum.bytes = all.outsideTables();
     return sum;
 }
 
