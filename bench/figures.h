@@ -11,6 +11,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <optional>
@@ -28,6 +29,10 @@ public:
     void ReportRuns(const std::vector<Run> &runs) override;
 
     void Sample(const std::string &name, double value);
+
+    /* All samples as text, for another process to add to its own. False: the file failed. */
+    bool Write(std::FILE *file) const;
+    bool Read(std::FILE *file);
 
     /* The median, or nothing when there is no such measurement. */
     std::optional<double> operator()(const std::string &name) const;

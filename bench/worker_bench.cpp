@@ -2,8 +2,10 @@
  * The way of a message to the worker: streaming, and to a worker that sleeps.
  *
  * write and read of the queue's eventfd are counted by defining both here, before the C library's:
- * that shows the wake-ups without any help from the platform.
+ * that shows the wake-ups without any help from the platform. The platform's read of a queue is
+ * defined here, too, to see when the worker has its message.
  */
+#include <dlfcn.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -34,6 +36,13 @@ namespace {
 std::atomic<bool> g_counting{false};
 std::atomic<u64> g_wakeUps{0};
 std::atomic<u64> g_drains{0};
+
+using Clock = std::chrono::steady_clock;
+
+using QueueRead = decltype(&QorEpollQueRead);
+QueueRead g_queueRead = nullptr; // the platform's
+std::atomic<bool> g_stamping{false};
+std::atomic<Clock::rep> g_taken{0}; // when the worker last had a message in hand
 } // namespace
 
 extern "C" ssize_t write(int descriptor, const void *data, size_t size)
@@ -50,6 +59,15 @@ extern "C" ssize_t read(int descriptor, void *data, size_t size)
         g_drains.fetch_add(1, std::memory_order_relaxed);
     }
     return syscall(SYS_read, descriptor, data, size);
+}
+
+u32 QorEpollQueRead(QorQueueHandle queue, u32 option, void *element, u32 size)
+{
+    const u32 bytes = g_queueRead(queue, option, element, size);
+    if (g_stamping.load(std::memory_order_relaxed)) {
+        g_taken.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed);
+    }
+    return bytes;
 }
 
 namespace bench {
@@ -210,8 +228,6 @@ template <class Queue> void StreamOver(benchmark::State &state)
 
 /* ---- Waking a sleeper ---- */
 
-using Clock = std::chrono::steady_clock;
-
 constexpr auto kFallAsleep = std::chrono::microseconds(60);
 
 /*
@@ -245,7 +261,7 @@ private:
 
 std::atomic<Clock::rep> g_probed{0};
 
-/* The probe of a raised alarm calls the count hook: that is where a message is seen handled. */
+/* The probe of a raised alarm calls the count hook: the first that is seen of a message's work. */
 void PostProbe()
 {
     (void)QorL2ResMsgWrite(L2RES_MSG_PROBE, nullptr, 0);
@@ -321,29 +337,30 @@ private:
     std::thread thread_;
 };
 
-/* From `post` to the moment that `handled` is stamped on the sleeper's thread, in ns. */
-template <class Post> double TimeToWake(const std::atomic<Clock::rep> &handled, Post post)
+/* Posts to a sleeper and waits until `handled` is stamped on its thread; when it posted. */
+template <class Post> Clock::rep Wake(const std::atomic<Clock::rep> &handled, Post post)
 {
     std::this_thread::sleep_for(kFallAsleep);
     const Clock::rep before = handled.load();
     const Clock::rep start = Clock::now().time_since_epoch().count();
     post();
-    Clock::rep end = handled.load();
-    while (end == before) {
+    while (handled.load() == before) {
         std::this_thread::yield(); // on the processor that the sleeper needs
-        end = handled.load();
     }
-    return static_cast<double>(end - start);
+    return start;
 }
 
-double Median(std::vector<double> samples)
+double Median(std::vector<Clock::rep> samples)
 {
     const auto middle = samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 2);
     std::nth_element(samples.begin(), middle, samples.end());
-    return *middle;
+    return static_cast<double>(*middle);
 }
 
-/* The module's worker and a raw sleeper take turns, so that both see the machine in the same mood. */
+/*
+ * From the post to the moment that the woken thread has what was posted: the worker its message, the
+ * raw sleeper the eventfd's value. They take turns, so that both see the machine in the same mood.
+ */
 void WakeUp(benchmark::State &state)
 {
     static std::optional<OnFirstProcessor> workers;
@@ -356,13 +373,20 @@ void WakeUp(benchmark::State &state)
     {
         const OnFirstProcessor here;
         RawSleeper raw;
-        std::vector<double> worker;
-        std::vector<double> sleeper;
+        std::vector<Clock::rep> taken;
+        std::vector<Clock::rep> probed;
+        std::vector<Clock::rep> sleeper;
+        g_stamping = true;
         for (auto _ : state) {
-            worker.push_back(TimeToWake(g_probed, PostProbe));
-            sleeper.push_back(TimeToWake(raw.handled, [&raw] { raw.Post(); }));
+            const Clock::rep posted = Wake(g_probed, PostProbe);
+            taken.push_back(g_taken - posted);
+            probed.push_back(g_probed - posted);
+            const Clock::rep written = Wake(raw.handled, [&raw] { raw.Post(); });
+            sleeper.push_back(raw.handled - written);
         }
-        state.counters["module"] = Median(worker);
+        g_stamping = false;
+        state.counters["module"] = Median(taken);
+        state.counters["probe"] = Median(probed);
         state.counters["raw"] = Median(sleeper);
     }
     AwaitHandled();
@@ -376,6 +400,7 @@ void WakeUp(benchmark::State &state)
 
 void AddWorker()
 {
+    g_queueRead = reinterpret_cast<QueueRead>(dlsym(RTLD_NEXT, "QorEpollQueRead"));
     Add("stream/module", Stream);
     Add("stream/std", StreamOver<StdQueue>);
 #ifdef BENCH_GLIB

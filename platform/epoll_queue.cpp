@@ -24,16 +24,17 @@
  */
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
-#include <pthread.h>
 #include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include "qor_epoll.h"
+#include "word_mutex.h"
 
 namespace {
 
@@ -56,17 +57,17 @@ struct Queue {
     QorQueueContext *context = nullptr;
     std::atomic<u32> signallers{0}; /* about to write the eventfd, posting mutex released */
 
-    alignas(CACHE_LINE) pthread_mutex_t postMutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+    alignas(CACHE_LINE) WordMutex postMutex{};
     std::atomic<u64> posted{0};
     u64 takenSeen = 0;      /* `taken` when last looked at */
     u32 next = 0;           /* index of the next element to come */
     bool announced = false; /* the eventfd is written, or about to be */
 
-    alignas(CACHE_LINE) pthread_mutex_t takeMutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+    alignas(CACHE_LINE) WordMutex takeMutex{};
     std::atomic<u64> postedSeen{0}; /* `posted` when last looked at; read without the mutex, too */
     u32 oldest = 0;                 /* index of the oldest element */
     u32 waitingWriters = 0;
-    pthread_cond_t room = PTHREAD_COND_INITIALIZER; /* an element left, or the queue ended */
+    std::atomic<u32> roomMade{0}; /* counts what they sleep for: room, or the end of the queue */
 
     alignas(CACHE_LINE) std::atomic<u64> taken{0}; /* posters ask for the count */
 };
@@ -79,17 +80,17 @@ __attribute__((tls_model("initial-exec"))) thread_local QorQueueHandle t_dispatc
 
 /* Scope in which one of a queue's mutexes is held. */
 struct QueueLock {
-    explicit QueueLock(pthread_mutex_t *held) : mutex(held)
+    explicit QueueLock(WordMutex *held) : mutex(held)
     {
-        (void)pthread_mutex_lock(mutex);
+        lock(mutex);
     }
     ~QueueLock()
     {
-        (void)pthread_mutex_unlock(mutex);
+        unlock(mutex);
     }
     QueueLock(const QueueLock &) = delete;
     QueueLock &operator=(const QueueLock &) = delete;
-    pthread_mutex_t *mutex;
+    WordMutex *mutex;
 };
 
 u32 generationOf(QorQueueHandle handle)
@@ -131,7 +132,7 @@ void signalNonEmpty(const Queue *queue)
 /* Clears the eventfd if the queue is empty, announced or not. Needs the taking mutex. */
 void clearIfEmpty(Queue *queue)
 {
-    const QueueLock lock(&queue->postMutex);
+    const QueueLock held(&queue->postMutex);
     if (queue->posted != queue->taken) {
         return;
     }
@@ -154,17 +155,27 @@ timespec deadlineIn(u32 milliseconds)
     return deadline;
 }
 
+/* There is room, or the queue ended. Needs the taking mutex. */
+void tellWriters(Queue *queue, int count)
+{
+    ++queue->roomMade;
+    wakeSleepers(&queue->roomMade, count);
+}
+
 /* False: there was still no room at the deadline. True: there was, or the queue ended. */
 bool waitForRoom(Queue *queue, QorQueueHandle handle, const timespec *deadline)
 {
-    const QueueLock lock(&queue->takeMutex);
-    int waited = 0;
+    const QueueLock held(&queue->takeMutex);
+    bool isLate = false;
     while (lives(queue, handle) && queue->posted - queue->taken == queue->depth) {
-        if (waited == ETIMEDOUT) {
+        if (isLate) {
             return false;
         }
         ++queue->waitingWriters;
-        waited = pthread_cond_clockwait(&queue->room, &queue->takeMutex, CLOCK_MONOTONIC, deadline);
+        const u32 seen = queue->roomMade;
+        unlock(&queue->takeMutex);
+        isLate = !sleepUntil(&queue->roomMade, seen, deadline);
+        lock(&queue->takeMutex);
         --queue->waitingWriters;
     }
     return true;
@@ -213,7 +224,7 @@ void append(Queue *queue, const void *element)
 u32 post(Queue *queue, QorQueueHandle handle, const void *element, u32 size)
 {
     {
-        const QueueLock lock(&queue->postMutex);
+        const QueueLock held(&queue->postMutex);
         if (!lives(queue, handle) || size != queue->elementSize) {
             return QOR_FAIL;
         }
@@ -250,7 +261,7 @@ void takeOldest(Queue *queue, void *element)
     queue->oldest = following(queue, queue->oldest);
     queue->taken.store(queue->taken.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     if (queue->waitingWriters > 0) {
-        (void)pthread_cond_signal(&queue->room);
+        tellWriters(queue, 1);
     }
 }
 
@@ -268,7 +279,7 @@ void leave(Queue *queue, QorQueueHandle handle)
     if (seesElement(queue, handle)) {
         return;
     }
-    const QueueLock lock(&queue->takeMutex);
+    const QueueLock held(&queue->takeMutex);
     if (lives(queue, handle)) {
         clearIfEmpty(queue);
     }
@@ -368,7 +379,7 @@ u32 QorEpollQueCtl(u32 epollFd, u32 operation, QorQueueHandle queue, u32 events,
     event.events = events & ~static_cast<u32>(EPOLLET);
     event.data.ptr = context;
 
-    const QueueLock lock(&slot->takeMutex);
+    const QueueLock held(&slot->takeMutex);
     if (!lives(slot, queue)) {
         return QOR_FAIL;
     }
@@ -402,7 +413,7 @@ u32 QorEpollQueDelete(QorQueueHandle *queue)
     }
     (void)close(slot->eventFd);
     slot->eventFd = -1;
-    (void)pthread_cond_broadcast(&slot->room);
+    tellWriters(slot, INT_MAX);
     *queue = 0;
     return QOR_OK;
 }
@@ -438,7 +449,7 @@ u32 QorEpollQueRead(QorQueueHandle queue, u32 option, void *element, u32 size)
     if (slot == nullptr || element == nullptr) {
         return 0;
     }
-    const QueueLock lock(&slot->takeMutex);
+    const QueueLock held(&slot->takeMutex);
     if (!lives(slot, queue) || size < slot->elementSize) {
         return 0;
     }
