@@ -23,7 +23,10 @@ QOR_API u32 ZIR_HandleInitialize(const char *name, u32 *handle);
  */
 QOR_API void *ZIR_MemAlloc(u32 handle, u8 partition, u64 size);
 
-/* 0, or 1 for null, an unknown handle, or an address that is not the start of a live block. */
+/*
+ * 0, or 1 for null, an unknown handle, or an address that is not the start of a live block. A freed
+ * block of more than a kilobyte belongs to the C library again: freeing it twice is not caught.
+ */
 QOR_API u32 ZIR_MemFree(u32 handle, void *block);
 
 /* As memcmp; two null or zero-sized areas are equal, one null area is less. */

@@ -19,9 +19,9 @@ typedef void (*ZIR_TimerCallback)(void);
 enum { ZIR_TIMER_ONCE = 0, ZIR_TIMER_REPEAT = 1 };
 
 /*
- * Starts a timer of `periodMs` milliseconds (at least 1). parameter and context are kept for the
- * platform's traces only. 0 with *handle set; 1 for a null argument, period 0, an unknown mode or
- * handle, or when no timer is left.
+ * Starts a timer of `periodMs` milliseconds (at least 1). memHandle, parameter and context mean
+ * nothing to it. 0 with *handle set; 1 for a null handle or callback, period 0, an unknown mode, or
+ * when no timer is left.
  */
 QOR_API u32 ZIR_ReltmrCbkStart(ZIR_TimerHandle *handle, u32 memHandle, u32 periodMs, u32 parameter,
                                void *context, u32 mode, ZIR_TimerCallback callback);
