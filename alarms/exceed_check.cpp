@@ -94,9 +94,9 @@ u32 SendRaise(u32 alarmType, u32 threshold)
 // Sends a clear with its lines; 0 sent, or 1 and the alarm stays raised.
 u32 SendClear(u32 alarmType, u32 threshold)
 {
+    const u32 raisesBefore = g_raisesSent[alarmType].load();
     QorL2ResDbgWriteLog(L2RES_LOG_REPORT, L2RES_LOG_GENERAL,
                         "L2Res type %d alarm resume, ulResThreshold: %d.", alarmType, threshold);
-    const u32 raisesBefore = g_raisesSent[alarmType].load();
     if (Send(alarmType, threshold, L2RES_ALARM_CLEAR) != QOR_OK) {
         QorL2ResDbgWriteLog(L2RES_LOG_ERROR, L2RES_LOG_GENERAL,
                             "L2Res type alarm resume failed, alarmType:%d, ulResThreshold: %d.",
@@ -179,8 +179,14 @@ void QorL2ResProbeProc(u32 alarmType)
     if (!IsRegistered(alarmType) || !IsRaised(alarmType)) {
         return;
     }
+    const u32 raisesBefore = g_raisesSent[alarmType].load();
     Counts counts;
     if (!ReadCounts(g_qorl2ResAlarmTbl[alarmType].hookType, Reporter::probe, &counts)) {
+        return;
+    }
+    // The table has run full since it was counted: a clear would take the new alarm back, and with
+    // the flag down nobody would look at the table again. The next cycle has newer counts.
+    if (g_raisesSent[alarmType].load() != raisesBefore) {
         return;
     }
     QorL2ResAlarmResend(alarmType, counts.total);

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <thread>
+#include <utility>
 
 #include "alarms/exceed_check.h"
 #include "frame/init.h"
@@ -459,6 +461,27 @@ TEST_F(Alarms, ARaiseDuringAClearIsNotForgotten)
     QorL2ResProbeProc(5);
     EXPECT_EQ(Sent(), "clear 583 ");
     EXPECT_EQ(g_qorl2ResAlarmTbl[5].raised, 0u);
+}
+
+// The table runs full right after the probe has read its counts: a clear by these would take the new
+// alarm back, and nobody would look at the full table again.
+TEST_F(Alarms, ARaiseAfterTheCountsIsNotCleared)
+{
+    static bool fillsUp = true;
+    const L2ResCountHook hook = [](u32 *total, u32 *used, u32 *idle) -> u32 {
+        *total = 8;
+        *used = std::exchange(fillsUp, false) ? 5 : 8;
+        *idle = 8 - *used;
+        if (*used == 5) {
+            std::thread([] { EXPECT_EQ(QorL2ResExceedCheckAndAlarm(5), 0u); }).join();
+        }
+        return 0;
+    };
+    QorL2ResHookRegister(5, reinterpret_cast<L2ResHook>(hook));
+    g_qorl2ResAlarmTbl[5].raised = 1;
+    QorL2ResProbeProc(5);
+    EXPECT_EQ(Sent(), "raise 583 ");
+    EXPECT_EQ(g_qorl2ResAlarmTbl[5].raised, 1u);
 }
 
 } // namespace
