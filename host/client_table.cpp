@@ -2,16 +2,19 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
+#include <string>
 #include <utility>
 
 #include "engine.h"
-#include "ledger.h"
-#include "module.h"
+#include "explain.h"
+#include "leftovers.h"
 #include "notifications.h"
 
 namespace host {
 
-static const L2RsmFunVtbl *s_module; // functions of a C table carry no context
+static const Module *s_library; // functions of a C table carry no context
+static const L2RsmFunVtbl *s_module;
 static Journal *s_journal;
 static Ledger *s_ledger;
 
@@ -89,31 +92,37 @@ static u32 hookRegister(u32 hookType, L2ResHook hook)
                   [&] { return s_module->hookRegister(hookType, hook); });
 }
 
-static u32 icibRegister(u32 service, L2ResNotifyCallback callback)
+/* The reason beneath the result of a call that was refused. */
+static u32 explained(u32 result, const std::function<std::string()> &reason)
 {
-    return traced("icib.register", {{"service", service}}, success, [&] {
-        return s_module->icibRegister(service, wrap(L2RES_TABLE_ICIB, service, callback));
-    });
+    if (result != QOR_OK) {
+        s_journal->write(Kind::text, "  because: " + reason(), {});
+    }
+    return result;
 }
 
-static u32 ecibRegister(u32 service, L2ResNotifyCallback callback)
+template <class Operation>
+static u32 registered(const char *name, const std::vector<Field> &fields, u32 table, u32 service,
+                      Operation operation)
 {
-    return traced("ecib.register", {{"service", service}}, success, [&] {
-        return s_module->ecibRegister(service, wrap(L2RES_TABLE_ECIB, service, callback));
-    });
+    return explained(traced(name, fields, success, operation),
+                     [&] { return explainRegistration(table, service); });
 }
 
-static u32 ipatRegister(u32 service, L2ResNotifyCallback callback)
+/* What a table has its own operation for. */
+template <u32 Table, u32 (*L2RsmFunVtbl::*Position)(u32, L2ResNotifyCallback)>
+static u32 tableRegister(u32 service, L2ResNotifyCallback callback)
 {
-    return traced("ipat.register", {{"service", service}}, success, [&] {
-        return s_module->ipatRegister(service, wrap(L2RES_TABLE_IPAT, service, callback));
+    const std::string name = std::string(tableName(Table)) + ".register";
+    return registered(name.c_str(), {{"service", service}}, Table, service, [&] {
+        return (s_module->*Position)(service, wrap(Table, service, callback));
     });
 }
 
 static u32 notifyRegister(u32 table, u32 service, L2ResNotifyCallback callback)
 {
-    return traced(
-        "notify.register", {{"table", tableName(table)}, {"service", service}}, success,
+    return registered(
+        "notify.register", {{"table", tableName(table)}, {"service", service}}, table, service,
         [&] { return s_module->notifyRegister(table, service, wrap(table, service, callback)); });
 }
 
@@ -198,14 +207,26 @@ static std::vector<Field> vlanFields(const VlanEditInfo *info, u32 flag)
 
 static u32 assignVlan(VlanEditInfo *info, u16 *profileId, u32 flag)
 {
-    return traced("vlan.assign", vlanFields(info, flag), success,
-                  [&] { return s_module->assignVlanEditProfile(info, profileId, flag); });
+    u16 selected = L2RES_VLAN_NO_PROFILE; // the module writes it when it has selected one
+    const u32 result = traced("vlan.assign", vlanFields(info, flag), success, [&] {
+        return s_module->assignVlanEditProfile(info, profileId != nullptr ? &selected : nullptr,
+                                               flag);
+    });
+    if (selected != L2RES_VLAN_NO_PROFILE) {
+        *profileId = selected;
+    }
+    return explained(result, [&]() -> std::string {
+        return info != nullptr && profileId == nullptr ? "there is no place for the profile id"
+                                                       : explainAssign(info, flag, selected);
+    });
 }
 
 static u32 freeVlan(VlanEditInfo *info, u32 flag)
 {
-    return traced("vlan.release", vlanFields(info, flag), success,
-                  [&] { return s_module->freeVlanEditProfile(info, flag); });
+    const u32 result = traced("vlan.release", vlanFields(info, flag), success,
+                              [&] { return s_module->freeVlanEditProfile(info, flag); });
+    return explained(
+        result, [&] { return explainRelease(info, flag, vlanTables(*s_library, flag), result); });
 }
 
 static u32 checkAlarm(u32 type)
@@ -221,19 +242,24 @@ template <class Operation> static Operation *unlessEmpty(Operation *position, Op
     return position == nullptr ? nullptr : wrapper;
 }
 
-const L2RsmFunVtbl *clientTable(const L2RsmFunVtbl &module, Journal &journal, Ledger &ledger)
+const L2RsmFunVtbl *clientTable(const Module &library, Journal &journal, Ledger &ledger)
 {
+    const L2RsmFunVtbl &module = library.table();
+    s_library = &library;
     s_module = &module;
     s_journal = &journal;
     s_ledger = &ledger;
     static const L2RsmFunVtbl table = {
         .queryInterface = module.queryInterface,
         .hookRegister = unlessEmpty(module.hookRegister, hookRegister),
-        .icibRegister = unlessEmpty(module.icibRegister, icibRegister),
+        .icibRegister = unlessEmpty(module.icibRegister,
+                                    tableRegister<L2RES_TABLE_ICIB, &L2RsmFunVtbl::icibRegister>),
         .getIcibToken = unlessEmpty(module.getIcibToken, token<TokenTable::icib, true>),
         .freeIcibToken = unlessEmpty(module.freeIcibToken, token<TokenTable::icib, false>),
-        .ecibRegister = unlessEmpty(module.ecibRegister, ecibRegister),
-        .ipatRegister = unlessEmpty(module.ipatRegister, ipatRegister),
+        .ecibRegister = unlessEmpty(module.ecibRegister,
+                                    tableRegister<L2RES_TABLE_ECIB, &L2RsmFunVtbl::ecibRegister>),
+        .ipatRegister = unlessEmpty(module.ipatRegister,
+                                    tableRegister<L2RES_TABLE_IPAT, &L2RsmFunVtbl::ipatRegister>),
         .getIpatToken = unlessEmpty(module.getIpatToken, token<TokenTable::ipat, true>),
         .freeIpatToken = unlessEmpty(module.freeIpatToken, token<TokenTable::ipat, false>),
         .assignVlanEditProfile = unlessEmpty(module.assignVlanEditProfile, assignVlan),

@@ -13,11 +13,12 @@
 #include "journal.h"
 #include "l2rsm_component.h"
 #include "ledger.h"
+#include "module.h"
 
 namespace host {
 
 /* There is one, for one module, journal and ledger; all outlive it. */
-const L2RsmFunVtbl *clientTable(const L2RsmFunVtbl &module, Journal &journal, Ledger &ledger);
+const L2RsmFunVtbl *clientTable(const Module &library, Journal &journal, Ledger &ledger);
 
 } // namespace host
 

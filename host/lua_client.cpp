@@ -52,7 +52,7 @@ static int hostLoad(Call &call)
         throw ScriptError("host.load: " + path + " has no " L2RSM_CLIENT_START);
     }
     Journal &journal = call.host.journal;
-    const L2RsmFunVtbl *table = clientTable(call.host.module.table(), journal, call.host.ledger);
+    const L2RsmFunVtbl *table = clientTable(call.host.module, journal, call.host.ledger);
     const std::string name = std::filesystem::path(path).filename();
     const u64 number = journal.write(Kind::call, "host.load", {{"file", std::string_view(name)}});
     const u32 result = start(table);

@@ -283,6 +283,19 @@ TEST_F(Host, OtherReasons)
                           "-> 1 failed\n.*because: service 13 is not 1 to 12\n"});
 }
 
+TEST_F(Host, ALoadedComponentIsToldWhyToo)
+{
+    const Outcome run = playScript("host.load('" CLIENT "')", "");
+    EXPECT_EQ(run.status, 0) << run.err;
+    expectLines(run.out,
+                {"icib.register service=9 -> 1 failed\n.*because: service 9 is not 0 to 8\n",
+                 "because: table 6 is not 0 to 5\n", "because: there is no request\n",
+                 "because: there is no place for the profile id\n",
+                 "vlan.assign .*\n.*because: service 13 is not 1 to 12\n",
+                 "vlan.release .*\n.*because: service 13 is not 1 to 12\n",
+                 "vlan.assign .*service=5.* -> 0\n", "-> 6 failed\n"});
+}
+
 /* ---- JSON ---- */
 
 TEST_F(Host, ShowSpeaksJsonWithDocumentedKeys)
