@@ -122,8 +122,8 @@ Holder FindHolder(const CommonTable &table, const void *key)
 Holder QueryHolder(const CommonTable &table, const void *key)
 {
     const Place place = PlaceOf(table, key);
-    ZIR_MutexLock(place.mutex);
     ZIR_MutexLock(table.opMutex);
+    ZIR_MutexLock(place.mutex);
     const Holder holder = CopyHolder(table, place, key);
     ZIR_MutexUnlock(table.opMutex);
     ZIR_MutexUnlock(place.mutex);
@@ -181,8 +181,8 @@ Replacement Store(const CommonTable &table, const void *key, const L2ResOpRecord
 {
     const Place place = PlaceOf(table, key);
     StoreReport report = {};
-    ZIR_MutexLock(place.mutex);
     ZIR_MutexLock(table.opMutex);
+    ZIR_MutexLock(place.mutex);
     L2ResOpRecord *stored = FindRecord(table, place, key);
     if (stored != nullptr) {
         report.existed = true;
@@ -246,8 +246,8 @@ bool MarkReleased(const CommonTable &table, const void *key)
     const Place place = PlaceOf(table, key);
     StoreReport report = {};
     L2ResOpRecord released = {};
-    ZIR_MutexLock(place.mutex);
     ZIR_MutexLock(table.opMutex);
+    ZIR_MutexLock(place.mutex);
     L2ResOpRecord *stored = FindRecord(table, place, key);
     if (stored != nullptr) {
         report.existed = true;
@@ -303,16 +303,16 @@ bool ReleasedSince(const CommonTable &table, const void *key, const Holder &judg
 // A loop over mutexes is beyond the analysis.
 void LockOpTable(const CommonTable &table) QOR_NO_THREAD_SAFETY
 {
+    ZIR_MutexLock(table.opMutex);
     for (u32 i = 0; i < kOpStripes; ++i) {
         ZIR_MutexLock(&table.opStripes[i].mutex);
     }
-    ZIR_MutexLock(table.opMutex);
 }
 
 void UnlockOpTable(const CommonTable &table) QOR_NO_THREAD_SAFETY
 {
-    ZIR_MutexUnlock(table.opMutex);
     for (u32 i = 0; i < kOpStripes; ++i) {
         ZIR_MutexUnlock(&table.opStripes[i].mutex);
     }
+    ZIR_MutexUnlock(table.opMutex);
 }

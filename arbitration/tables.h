@@ -9,9 +9,10 @@
  *   - A request is judged against a copy of the holder's record. It replaces the record only if that
  *     is still the one it was judged against, else it is judged again.
  *   - A stripe's mutex guards what belongs to its buckets: their records and their release counts.
- *     Whoever inserts or overwrites a record takes the table's mutex then, which guards what all
+ *     Whoever inserts or overwrites a record takes the table's mutex first, which guards what all
  *     buckets share; look-ups and removals need none of that (hash_table.h). So requests for
- *     different entries meet in one short hold only.
+ *     different entries meet in one short hold only, and whoever holds the table's mutex keeps
+ *     writers waiting but no look-up and no removal.
  *   - Every release of a token counts up its bucket's `releases`. A request that was told to wait is
  *     recorded first and looks at the count then: had a release come in between, it is taken back
  *     and judged again, unless that release has notified it already.

@@ -18,7 +18,6 @@ unsigned g_countHookCalls = 0;
 namespace {
 
 thread_local int t_held = 0;
-thread_local int t_tablesHeld = 0;
 thread_local const ZIR_Mutex *t_unlocked = nullptr; // a table's, while others are still held
 thread_local bool t_walking = false;
 u64 g_bytesWhenEmpty;
@@ -113,15 +112,13 @@ extern "C" QOR_API void ZIR_MutexLock(ZIR_Mutex *mutex) QOR_NO_THREAD_SAFETY
 {
     Behind("ZIR_MutexLock", mutex);
     ++t_held;
-    t_tablesHeld += IsTables(mutex);
-    EXPECT_TRUE(t_tablesHeld <= 1 || t_walking) << "two tables' mutexes held";
+    EXPECT_TRUE(t_held == 1 || !IsTables(mutex) || t_walking) << "a table's mutex is not the first";
 }
 
 extern "C" QOR_API void ZIR_MutexUnlock(ZIR_Mutex *mutex) QOR_NO_THREAD_SAFETY
 {
     --t_held;
     if (IsTables(mutex)) {
-        --t_tablesHeld;
         t_unlocked = mutex;
     }
     Behind("ZIR_MutexUnlock", mutex);
