@@ -433,17 +433,36 @@ __attribute__((noinline)) void *allocateSlowly(u32 handle, u8 partition, u64 siz
     return beginBlock(memory, header, partition, size);
 }
 
+/* For a thread that gets no memory of its own: none must be lost when there is none. */
+void freeWithoutMemory(Header *header)
+{
+    const std::lock_guard lock(g_mutex);
+    header->mark = 0;
+    g_partitions[header->partition].ended -= asCount(1, header->size);
+    if (header->sizeClass == 0) {
+        free(header);
+    } else {
+        auto *batch = reinterpret_cast<FreeBlock *>(header);
+        batch->next = nullptr;
+        giveBatch(batch, header->sizeClass, 1);
+    }
+}
+
 __attribute__((noinline)) u32 freeSlowly(u32 handle, void *block)
 {
     if (block == nullptr || !isHandle(handle) || reinterpret_cast<u64>(block) % 16 != 0) {
         return QOR_FAIL;
     }
     Header *header = static_cast<Header *>(block) - 1;
-    ThreadMemory *memory = threadMemory();
-    if (!isLive(header) || memory == nullptr) {
+    if (!isLive(header)) {
         return QOR_FAIL;
     }
     discharge(&g_partitions[header->partition], header->size);
+    ThreadMemory *memory = threadMemory();
+    if (memory == nullptr) {
+        freeWithoutMemory(header);
+        return QOR_OK;
+    }
     endBlock(memory, header);
     if (header->sizeClass == 0) {
         free(header);

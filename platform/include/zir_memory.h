@@ -38,7 +38,10 @@ typedef struct {
     u64 limitBytes; /* 0: no limit */
 } ZIR_PartitionStat;
 
-/* What is live now in a partition; exact when no thread is allocating or freeing. */
+/*
+ * What is live now in a partition; exact when no thread is allocating or freeing, below 64 GB and 2^28
+ * blocks.
+ */
 QOR_API void ZIR_PartitionGetStat(u8 partition, ZIR_PartitionStat *stat);
 
 /* Bounds the live bytes of a partition; 0 lifts the limit. Meant for set-up, before use. */
