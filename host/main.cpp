@@ -28,6 +28,12 @@ static u32 debugLevel(const std::string &name)
     return name == "error" ? 2 : name == "warning" ? 3 : 4;
 }
 
+/* The name of an output was forgotten, and the scenario would be overwritten in its place. */
+static std::string refuseScenario(const std::string &output)
+{
+    return output.ends_with(".lua") ? output + " is a scenario's name" : "";
+}
+
 static void addOptions(CLI::App &app, Options &options)
 {
     app.add_option("--module", options.module, "The module to load")->take_last();
@@ -39,6 +45,7 @@ static void addOptions(CLI::App &app, Options &options)
         ->check(CLI::Range(0, 254))
         ->take_last();
     app.add_option("--debug-log", options.services.debugLog, "Write the module's debug log here")
+        ->check(refuseScenario)
         ->take_last();
     app.add_option_function<std::string>(
            "--debug-level",
@@ -47,6 +54,7 @@ static void addOptions(CLI::App &app, Options &options)
         ->check(CLI::IsMember({"error", "warning", "info"}))
         ->take_last();
     app.add_option("--black-box", options.services.blackBox, "Append events and errors here")
+        ->check(refuseScenario)
         ->take_last();
     app.add_flag("--trace", options.trace, "Print hooks, service operations and log lines, too");
     app.add_flag("--json", options.json,
@@ -54,17 +62,23 @@ static void addOptions(CLI::App &app, Options &options)
     app.add_flag("-i,--interactive", options.interactive,
                  "A prompt, after the scenario if there is one");
     app.add_option("--record", options.record, "Record all that passes between host and module")
+        ->check(refuseScenario)
         ->take_last();
     app.add_option("--metrics", options.metrics, "Keep a Prometheus text file of counters")
+        ->check(refuseScenario)
         ->take_last();
 }
 
 /* A scenario's first line may hold the options it needs: "-- options: --speed 200". */
 static std::vector<std::string> scriptOptions(const std::string &script)
 {
-    std::ifstream file(script);
     std::string line;
-    std::getline(file, line);
+    std::error_code ignored;
+    // What is read of a pipe here would be missing when the script is played.
+    if (std::filesystem::is_regular_file(script, ignored)) {
+        std::ifstream file(script);
+        std::getline(file, line);
+    }
     const std::string mark = "-- options:";
     std::vector<std::string> words;
     if (line.compare(0, mark.size(), mark) == 0) {

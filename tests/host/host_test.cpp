@@ -228,6 +228,7 @@ INSTANTIATE_TEST_SUITE_P(
         ScriptRow{"OptionInScript", "-- options: --sped 5", "", {"x.lua:1: .*--sped"}},
         ScriptRow{"OptionOutOfRange", "", "--speed 0", {"^l2rsm-host: --speed: "}},
         ScriptRow{"UnknownOption", "", "--bogus", {"^l2rsm-host: .*--bogus"}},
+        ScriptRow{"ScenarioAsOutput", "", "--record", {"^l2rsm-host: --record: .*x.lua is a scen"}},
         ScriptRow{"DebugLevel", "", "--debug-level loud", {"--debug-level: loud not in"}},
         ScriptRow{"NoSuchModule",
                   "",

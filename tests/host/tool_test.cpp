@@ -5,11 +5,13 @@
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <csignal>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "host_program.h"
 
@@ -163,6 +165,11 @@ TEST_F(Host, StandardInputIsTheScriptOrThePrompt)
     EXPECT_EQ(prompt.status, 0);
     expectLines(prompt.out, {"\\] 42\n", "prompt:1: attempt to call a nil value", "\\] on\n"});
     EXPECT_EQ(prompt.err, "");
+
+    const fs::path pipe = directory() / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    std::jthread writer([&] { std::ofstream(pipe) << "expect(1, 2)"; });
+    EXPECT_EQ(play(pipe).status, 1) << "a pipe's first line is played";
 }
 
 /* ---- reasons ---- */
