@@ -184,13 +184,13 @@ void QorL2ResProbeProc(u32 alarmType)
     if (!ReadCounts(g_qorl2ResAlarmTbl[alarmType].hookType, Reporter::probe, &counts)) {
         return;
     }
+    const bool overtaken = g_raisesSent[alarmType].load() != raisesBefore;
+    QorL2ResAlarmResend(alarmType, counts.total);
     // The table has run full since it was counted: a clear would take the new alarm back, and with
     // the flag down nobody would look at the table again. The next cycle has newer counts.
-    if (g_raisesSent[alarmType].load() != raisesBefore) {
-        return;
+    if (!overtaken) {
+        QorL2ResProbe(alarmType, counts.total, counts.used, counts.idle);
     }
-    QorL2ResAlarmResend(alarmType, counts.total);
-    QorL2ResProbe(alarmType, counts.total, counts.used, counts.idle);
 }
 
 void QorL2ResAlarmResend(u32 alarmType, u32 threshold)

@@ -5,7 +5,7 @@
  * moves clear to raised, the probe raised to clear. A clear that overlaps a raise on another thread
  * leaves the type raised, so that no alarm stays on at the alarm service with nobody left to clear
  * it, and none stays off for good: the next check or re-send raises it, or the next probe clears it
- * once more. A probe whose counts a raise has overtaken does nothing.
+ * once more. A probe whose counts a raise has overtaken does not clear.
  */
 #ifndef ALARMS_EXCEED_CHECK_H
 #define ALARMS_EXCEED_CHECK_H

@@ -482,6 +482,7 @@ TEST_F(Alarms, ARaiseAfterTheCountsIsNotCleared)
     QorL2ResProbeProc(5);
     EXPECT_EQ(Sent(), "raise 583 ");
     EXPECT_EQ(g_qorl2ResAlarmTbl[5].raised, 1u);
+    EXPECT_EQ(g_qorl2ResAlarmTbl[5].resendCount, 1u) << "a cycle like any other";
 }
 
 } // namespace
