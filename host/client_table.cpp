@@ -92,11 +92,10 @@ static u32 hookRegister(u32 hookType, L2ResHook hook)
                   [&] { return s_module->hookRegister(hookType, hook); });
 }
 
-/* The reason beneath the result of a call that was refused. */
 static u32 explained(u32 result, const std::function<std::string()> &reason)
 {
     if (result != QOR_OK) {
-        s_journal->write(Kind::text, "  because: " + reason(), {});
+        s_journal->writeReason(reason());
     }
     return result;
 }

@@ -59,6 +59,11 @@ void Journal::writeResult(u64 number, std::string_view name, u32 code, std::stri
     dispatch({Kind::result, number, {}, thread(), name, {}, code, meaning});
 }
 
+void Journal::writeReason(const std::string &reason)
+{
+    write(Kind::text, "  because: " + reason, {});
+}
+
 void Journal::dispatch(const Event &event)
 {
     const auto &sinks = sinks_[static_cast<std::size_t>(event.kind)];

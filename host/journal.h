@@ -105,6 +105,8 @@ public:
     void stop();
 
     void writeResult(u64 number, std::string_view name, u32 code, std::string_view meaning);
+    /* Beneath a result: why it was not granted. */
+    void writeReason(const std::string &reason);
 
     /* The calling thread's number, and its name as the system knows it. */
     static unsigned thread();

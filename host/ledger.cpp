@@ -29,11 +29,10 @@ void Ledger::lookAfter(const Before &before, u32 result)
             keepWaiter(before);
         }
         if (!ruling.reason.empty()) {
-            journal_.write(Kind::text, "  because: " + ruling.reason, {});
+            journal_.writeReason(ruling.reason);
         }
     } else if (result != L2RES_TOKEN_PROCEED) {
-        journal_.write(Kind::text,
-                       "  because: another thread changed the entry while this was judged", {});
+        journal_.writeReason("another thread changed the entry while this was judged");
     }
 }
 

@@ -101,16 +101,10 @@ template <class Operation> static Operation *filled(Operation *position, const c
     return position;
 }
 
-/* The reason beneath the result of a call that was refused. */
-static void explain(Journal &journal, const std::string &reason)
-{
-    journal.write(Kind::text, "  because: " + reason, {});
-}
-
 u32 Module::registered(u32 table, u32 service, u32 result)
 {
     if (result != QOR_OK) {
-        explain(journal_, explainRegistration(table, service));
+        journal_.writeReason(explainRegistration(table, service));
     }
     return result;
 }
@@ -294,7 +288,7 @@ u32 Module::assignVlan(VlanEditInfo info, u16 *profileId, u32 direction)
     const u32 result = traced("vlan.assign", vlanFields(info, direction), successMeaning,
                               [&] { return operation(&info, profileId, direction); });
     if (result != QOR_OK) {
-        explain(journal_, explainAssign(&info, direction, *profileId));
+        journal_.writeReason(explainAssign(&info, direction, *profileId));
     }
     return result;
 }
@@ -305,7 +299,8 @@ u32 Module::freeVlan(VlanEditInfo info, u32 direction)
     const u32 result = traced("vlan.release", vlanFields(info, direction), successMeaning,
                               [&] { return operation(&info, direction); });
     if (result != QOR_OK) {
-        explain(journal_, explainRelease(&info, direction, vlanTables(*this, direction), result));
+        journal_.writeReason(
+            explainRelease(&info, direction, vlanTables(*this, direction), result));
     }
     return result;
 }
