@@ -51,7 +51,7 @@ struct Queue {
     std::atomic<u32> generation{0}; /* odd while the slot holds a queue */
     u32 depth = 0;
     u32 elementSize = 0;
-    int eventFd = 0;
+    int eventFd = 0; /* while the slot holds a queue; 0, that a slot takes no room in the file */
     unsigned char *ring = nullptr;
     /* The attached record, which otherwise only the kernel would know: a leak check finds it here. */
     QorQueueContext *context = nullptr;
