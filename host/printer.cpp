@@ -62,10 +62,18 @@ static std::string formatResult(const Event &event)
     return out;
 }
 
+thread_local int Printer::threadQuiet_ = 0;
+
+bool Printer::isQuiet() const
+{
+    return quiet_ != 0 || threadQuiet_ != 0;
+}
+
+/* Asked on the thread that the event is of. */
 bool Printer::wants(Kind kind) const
 {
     // A result is needed in quiet, too, while a call waits for it.
-    return quiet_ == 0 || kind == Kind::alarm || (kind == Kind::result && open_ != 0);
+    return !isQuiet() || kind == Kind::alarm || (kind == Kind::result && open_ != 0);
 }
 
 void Printer::on(const Event &event)
@@ -120,7 +128,7 @@ void Printer::close(const Event &event, Stack &stack)
     const Open call = std::move(stack.back());
     stack.pop_back();
     --open_;
-    if (quiet_ == 0) {
+    if (!isQuiet()) {
         print(event.at, stack.size(),
               (call.printed ? "= " + std::string(event.name) : call.line) + formatResult(event));
     }

@@ -37,23 +37,32 @@ public:
     void hold(bool held);
     std::string takeHeld();
 
-    /* While a Quiet lives, nothing is printed but alarms. */
-    class Quiet {
+    /* While a Quiet lives, nothing that its counter covers is printed but alarms. */
+    template <class Counter> class Quiet {
     public:
-        explicit Quiet(Printer &printer) : printer_(printer)
+        explicit Quiet(Counter &counter) : counter_(counter)
         {
-            ++printer_.quiet_;
+            ++counter_;
         }
         ~Quiet()
         {
-            --printer_.quiet_;
+            --counter_;
         }
         Quiet(const Quiet &) = delete;
         Quiet &operator=(const Quiet &) = delete;
 
     private:
-        Printer &printer_;
+        Counter &counter_;
     };
+    Quiet<std::atomic<int>> quietAll()
+    {
+        return Quiet(quiet_);
+    }
+    /* What other threads do meanwhile, the worker above all, is printed. */
+    static Quiet<int> quietThread()
+    {
+        return Quiet(threadQuiet_);
+    }
 
 private:
     struct Open {
@@ -63,6 +72,7 @@ private:
     };
     using Stack = std::vector<Open>;
 
+    bool isQuiet() const;
     void open(const Event &event, Stack &stack);
     void close(const Event &event, Stack &stack);
     void print(DeviceTime at, std::size_t depth, const std::string &line);
@@ -70,6 +80,7 @@ private:
 
     std::map<unsigned, Stack> stacks_; // by thread
     std::atomic<int> quiet_ = 0;
+    static thread_local int threadQuiet_;
     std::atomic<int> open_ = 0; // calls in all stacks
 
     void emit(std::FILE *stream, const std::string &text);

@@ -431,7 +431,7 @@ void Stress::round(u32 operations)
 
 StressReport Stress::run()
 {
-    const Printer::Quiet quiet(host_.printer);
+    const auto quiet = host_.printer.quietAll();
     const Ledger::Pause pause(host_.ledger);
     for (u32 service = 0; service < options_.clients; ++service) {
         host_.module.icibRegister(service);

@@ -137,6 +137,11 @@ INSTANTIATE_TEST_SUITE_P(
                   "engine.set{table='sem', used=4096} alarm.check{type='sem'}",
                   "--slot 4",
                   {"ALARM sem raised: slot 4 "}},
+        ScriptRow{"AConditionSilencesItsOwnThreadOnly",
+                  HELD WAITS "host.wait_for(function() repeat until #icib.show{}.waiters == 0\n"
+                             "return true end, 6000)",
+                  "--speed 100",
+                  {R"(notify event=free .* \(on QOR_L2RSM\) -> 0\n)"}},
         ScriptRow{"TraceShowsHooksServicesAndLog",
                   "alarm.check{type='ecib'}",
                   "--trace",
