@@ -1,4 +1,4 @@
--- options: --speed 10 --slot 3
+-- options: --speed 5 --slot 3
 -- What the module does for the services of a device, told from its start: entries, alarms, VLAN edits.
 
 local routing, bridging, multicast = 1, 2, 3 -- service types
@@ -51,9 +51,13 @@ expect(host.wait_for(function() return released end, 30), true)
 expect(#icib.show(entry).waiters, 0)
 
 print("== Room in the table: the next probe clears the alarm and tells the services")
+local told = {}
+for _, service in ipairs{routing, bridging, multicast} do
+    on.notify(service, function(event) told[#told + 1] = event end)
+end
 engine.set{table="icib_pp", used=10}
-expect(host.wait_for(function() return #alarm.list() == 0 end, 60), true)
-host.wait(1)
+expect(host.wait_for(function() return #told == 3 end, 60), true)
+expect(told, {"idle", "idle", "idle"})
 expect(#alarm.list(), 0)
 
 print("== Routing and bridging both need a service tag on ingress: two profiles, one command")

@@ -1,4 +1,4 @@
--- options: --speed 10
+-- options: --speed 5
 -- Waiters of an entry that is never freed are called back on the third tick after the first came.
 
 icib.register{service=1}

@@ -225,8 +225,8 @@ INSTANTIATE_TEST_SUITE_P(
                   "",
                   {"x.lua:2: host.wait: a handler cannot wait"}},
         ScriptRow{"HandlerAfterTheWorker",
-                  HELD WAITS "\non.notify(2, function() error('late') end)\n"
-                             "host.wait(30) print('unreached')",
+                  HELD "\non.notify(2, function() error('late') end)\n" WAITS
+                       "host.wait(6000) print('unreached')",
                   "--speed 100",
                   {"x.lua:2: late"}},
         // Options and files.

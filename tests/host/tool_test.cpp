@@ -113,7 +113,7 @@ private:
 
 TEST_F(Host, PromptFromStartToExit)
 {
-    Terminal terminal("100");
+    Terminal terminal("10");
     terminal.expect("> ");
     terminal.type("icib.a\t"); // a function, then a field
     terminal.expect("icib.add{");
