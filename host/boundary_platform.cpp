@@ -10,6 +10,7 @@
 #include "boundary.h"
 #include "bounded.h"
 #include "comp_registry.h"
+#include "hash_table.h"
 #include "qor_epoll.h"
 #include "zir_memory.h"
 #include "zir_timer.h"
@@ -21,16 +22,22 @@ static Mode s_mode = Mode::off;
 static Crossings *s_crossings;
 static void *s_module;
 
-void record(Crossings &crossings)
+static void start(Crossings &crossings, Mode mode)
 {
     s_crossings = &crossings;
-    s_mode = Mode::record;
+    s_mode = mode;
+    // A replay has one thread for all that were recorded: a walk's order must not hang on them.
+    HASH_ShareNodes();
+}
+
+void record(Crossings &crossings)
+{
+    start(crossings, Mode::record);
 }
 
 void replay(Crossings &crossings)
 {
-    s_crossings = &crossings;
-    s_mode = Mode::replay;
+    start(crossings, Mode::replay);
 }
 
 void setModule(void *handle)

@@ -225,13 +225,15 @@ bool isBuffer(const Table *table, void *data)
 
 /* ---- Pools ---- */
 
+std::atomic<bool> g_shareNodes;
+
 /* The running thread's: threads that start one after the other have different ones. */
 Pool *ownPool(Table *table)
 {
     static std::atomic<u32> threads{0};
     __attribute__((tls_model("initial-exec"))) thread_local u32 number = 0;
     if (number == 0) {
-        number = ++threads;
+        number = g_shareNodes ? POOLS : ++threads;
     }
     return &table->pools[number % POOLS];
 }
@@ -680,6 +682,11 @@ void HASH_DeleteHash(HASH_Handle *handle)
     giveMemory(table, table->slabs, table->slabCapacity * sizeof(Slab *));
     (void)ZIR_MemFree(table->memHandle, table->memory);
     *handle = nullptr;
+}
+
+void HASH_ShareNodes()
+{
+    g_shareNodes = true;
 }
 
 void HASH_GetStat(HASH_Handle handle, HASH_Stat *stat)

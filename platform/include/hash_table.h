@@ -59,10 +59,17 @@ QOR_API u32 HASH_RemoveElmtByKey(HASH_Handle table, const void *key);
 
 /*
  * Iterate over all nodes, in no particular order; null at the end. Nodes inserted during an
- * iteration may or may not be met; every other node is met exactly once.
+ * iteration may or may not be met; every other node is met exactly once. The order hangs on the calls
+ * made so far and, unless HASH_ShareNodes was called, on which threads made them.
  */
 QOR_API HASH_Element *HASH_GetFirstNode(HASH_Handle table);
 QOR_API HASH_Element *HASH_GetNextNode(HASH_Handle table);
+
+/*
+ * Threads that have not used a table before share the nodes that are given back from now on; else
+ * each keeps its own at hand, which is faster. For replays of what several threads did.
+ */
+QOR_API void HASH_ShareNodes(void);
 
 /* Deletes the table with all its nodes and sets *table to null. */
 QOR_API void HASH_DeleteHash(HASH_Handle *table);
