@@ -17,18 +17,18 @@ expect(alarm.check{type="lem"}, 0)
 expect(alarm.list(), {})
 
 engine.set{table="lem", used=2048}
+local full = host.time()
 expect(alarm.check{type="lem"}, 0)
 local on = alarm.list()[1]
 expect(on.slot, "slot 5")
 expect(on.threshold, 2048)
 expect(on.code, 170)
 expect(on.raised, 1)
-local raised = host.time()
 
 expect(host.wait_for("alarm", 9000), true)
-expect(alarm.list()[1].raised, 2)
-print(string.format("sent again %.0f seconds after the raise", host.time() - raised))
-expect(host.time() - raised > 590, true, "120 probes have passed")
+expect(alarm.list()[1].raised >= 2, true)
+print(string.format("sent again %.0f seconds after the raise", host.time() - full))
+expect(host.time() - full > 590, true, "120 probes have passed")
 
 -- Counts that the hook does not vouch for change nothing.
 engine.set{table="lem", used=0, result=9}
@@ -37,7 +37,7 @@ expect(#alarm.list(), 1)
 expect(told, {})
 
 engine.set{table="lem", used=100}
-expect(host.wait_for("alarm", 9000), true)
+expect(host.wait_for(function() return #alarm.list() == 0 end, 9000), true)
 expect(host.wait_for(function() return #told == 3 end, 9000), true)
 expect(alarm.list(), {})
 expect(alarm.list{all=true}[1].on, false)

@@ -137,6 +137,12 @@ INSTANTIATE_TEST_SUITE_P(
                   "engine.set{table='sem', used=4096} alarm.check{type='sem'}",
                   "--slot 4",
                   {"ALARM sem raised: slot 4 "}},
+        // A machine that stands still lets a notification come before the wait for it.
+        ScriptRow{"WaitsForTheNextNotification",
+                  HELD "for i = 1, 99 do " WAITS "\n"
+                       "if host.wait_for('notify', 10) then print('told') break end end",
+                  "--speed 100",
+                  {R"(\] told\n)"}},
         ScriptRow{"AConditionSilencesItsOwnThreadOnly",
                   HELD WAITS "host.wait_for(function() repeat until #icib.show{}.waiters == 0\n"
                              "return true end, 6000)",
