@@ -12,9 +12,7 @@
  *   COMP_GetVTable      hands out tables of the boundary's own, for the module's operations to
  *                       whoever asks, for the services to the module;
  *   ZIR_ReltmrCbkStart, QorEpollQueCtl, QorEpollQueWrite, QorEpollQueGetMsgNum, QorEpollTaskCreate
- *                       the module's timers, queue and task;
- *   ZIR_MemAlloc, ZIR_MemFree
- *                       how long the block is that a callback is given as data.
+ *                       the module's timers, queue and task.
  * What other libraries of the process call goes straight through.
  *
  * In a replay the module is alone: no timer runs and no task is created. Start-up of the worker
@@ -24,7 +22,6 @@
 #define HOST_BOUNDARY_H
 
 #include <functional>
-#include <optional>
 #include <string>
 
 #include "record_fields.h"
@@ -114,9 +111,6 @@ template <class Real> u32 crossForCode(const char *operation, const Value &argum
         [&](const Value &answer) { code = numberIn<u32>(answer, "code"); });
     return code;
 }
-
-/* Bytes of a live block of the module's memory; none when it is not the start of one. */
-std::optional<std::size_t> blockSize(const void *block);
 
 /* Replay: a tick of the timer with the period; a message. Their results. */
 Value playTick(u32 period);

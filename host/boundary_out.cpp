@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "boundary.h"
+#include "zir_memory.h"
 
 namespace host::boundary {
 
@@ -271,8 +272,8 @@ static Value notificationOf(u32 table, u32 service, u32 event, const void *recor
         out["record"] = recordOf<L2ResIpatReOpRecord>(record, service, data);
     }
     if (data != nullptr) {
-        const auto size = blockSize(data);
-        out["data"] = size ? hexOf(data, *size) : "not of the module's memory";
+        const u64 size = ZIR_MemSize(data);
+        out["data"] = size != 0 ? hexOf(data, size) : "not of the module's memory";
     }
     return out;
 }

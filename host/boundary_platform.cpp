@@ -3,16 +3,13 @@
 #include <link.h>
 
 #include <array>
-#include <mutex>
 #include <stdexcept>
-#include <unordered_map>
 
 #include "boundary.h"
 #include "bounded.h"
 #include "comp_registry.h"
 #include "hash_table.h"
 #include "qor_epoll.h"
-#include "zir_memory.h"
 #include "zir_timer.h"
 
 namespace host::boundary {
@@ -79,18 +76,6 @@ template <class Function> static Function *platform(const char *name)
 }
 #define PLATFORM(function)                                                                         \
     static const auto real = host::boundary::platform<decltype(function)>(#function)
-
-/* ---- memory: how long a block is ---- */
-
-static std::mutex s_blocksMutex;
-static auto &s_blocks = *new std::unordered_map<const void *, std::size_t>;
-
-std::optional<std::size_t> blockSize(const void *block)
-{
-    std::lock_guard lock(s_blocksMutex);
-    const auto found = s_blocks.find(block);
-    return found == s_blocks.end() ? std::nullopt : std::optional(found->second);
-}
 
 /* ---- timers ---- */
 
@@ -195,27 +180,6 @@ u32 COMP_GetVTable(u32 componentId, u32 interfaceId, void **table)
             const_cast<L2RsmFunVtbl *>(exportedTable(static_cast<const L2RsmFunVtbl *>(*table)));
     }
     return code;
-}
-
-void *ZIR_MemAlloc(u32 handle, u8 partition, u64 size)
-{
-    PLATFORM(ZIR_MemAlloc);
-    void *block = real(handle, partition, size);
-    if (mode() != Mode::off && block != nullptr) {
-        std::lock_guard lock(s_blocksMutex);
-        s_blocks[block] = size;
-    }
-    return block;
-}
-
-u32 ZIR_MemFree(u32 handle, void *block)
-{
-    PLATFORM(ZIR_MemFree);
-    if (mode() != Mode::off) { // before the block can be somebody else's
-        std::lock_guard lock(s_blocksMutex);
-        s_blocks.erase(block);
-    }
-    return real(handle, block);
 }
 
 u32 ZIR_ReltmrCbkStart(ZIR_TimerHandle *handle, u32 memHandle, u32 periodMs, u32 parameter,

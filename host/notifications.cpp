@@ -1,8 +1,11 @@
 #include "notifications.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <utility>
+
+#include "zir_memory.h"
 
 namespace host {
 
@@ -47,11 +50,13 @@ std::string packData(std::string_view data)
     return packed.append(data);
 }
 
-static std::string unpackData(const void *packed)
+/* A loaded component may have asked under the script's service: its data is taken as it is. */
+static std::string unpackData(const void *data)
 {
+    const std::string bytes(static_cast<const char *>(data), ZIR_MemSize(data));
     u16 length = 0;
-    std::memcpy(&length, packed, sizeof length);
-    return std::string(static_cast<const char *>(packed) + sizeof length, length);
+    std::memcpy(&length, bytes.data(), std::min(sizeof length, bytes.size()));
+    return bytes.size() == sizeof length + length ? bytes.substr(sizeof length) : bytes;
 }
 
 /* ---- copying ---- */

@@ -543,6 +543,15 @@ u32 ZIR_MemFree(u32 handle, void *block)
     return QOR_OK;
 }
 
+u64 ZIR_MemSize(const void *block)
+{
+    if (block == nullptr || reinterpret_cast<u64>(block) % 16 != 0) {
+        return 0;
+    }
+    const Header *header = static_cast<const Header *>(block) - 1;
+    return isLive(header) ? header->size : 0;
+}
+
 int ZIR_MemCmp(const void *a, const void *b, u64 size)
 {
     if (a == b || size == 0) {

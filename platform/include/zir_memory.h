@@ -29,6 +29,9 @@ QOR_API void *ZIR_MemAlloc(u32 handle, u8 partition, u64 size);
  */
 QOR_API u32 ZIR_MemFree(u32 handle, void *block);
 
+/* Bytes of a live block, as asked for; 0 for null or an address that is not the start of one. */
+QOR_API u64 ZIR_MemSize(const void *block);
+
 /* As memcmp; two null or zero-sized areas are equal, one null area is less. */
 QOR_API int ZIR_MemCmp(const void *a, const void *b, u64 size);
 

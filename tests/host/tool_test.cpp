@@ -292,7 +292,11 @@ TEST_F(Host, OtherReasons)
 
 TEST_F(Host, ALoadedComponentIsToldWhyToo)
 {
-    const Outcome run = playScript("host.load('" CLIENT "')", "");
+    const Outcome run = playScript("icib.register{service=2} local told\n"
+                                   "on.notify(2, function(_, _, data) told = data end)\n"
+                                   "host.load('" CLIENT "')\n"
+                                   "expect(told, '\\xff\\xffx')",
+                                   "");
     EXPECT_EQ(run.status, 0) << run.err;
     expectLines(run.out,
                 {"icib.register service=9 -> 1 failed\n.*because: service 9 is not 0 to 8\n",

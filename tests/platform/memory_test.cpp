@@ -38,6 +38,7 @@ TEST(MemoryTest, BlocksAreAlignedApartAndCounted)
     expectLive(PARTITION + 1, 0, 0);
     for (size_t i = 0; i < blocks.size(); ++i) {
         const auto [block, size] = blocks[i];
+        EXPECT_EQ(ZIR_MemSize(block), size);
         EXPECT_EQ(block[0], i % 251);
         EXPECT_EQ(memcmp(block, block + size / 2, size - size / 2), 0) << "block " << i;
         EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
@@ -61,7 +62,9 @@ TEST(MemoryTest, RefusesWhatItDoesNotKnow)
     memcpy(foreign, block - 16, 16);
     for (unsigned char *address : {block + 8, block + 16, foreign + 16}) {
         EXPECT_EQ(ZIR_MemFree(handle, address), 1U);
+        EXPECT_EQ(ZIR_MemSize(address), 0U);
     }
+    EXPECT_EQ(ZIR_MemSize(nullptr), 0U);
     EXPECT_EQ(ZIR_MemFree(handle, nullptr), 1U);
     expectLive(PARTITION, 1, 100);
     EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
