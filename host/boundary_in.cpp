@@ -395,7 +395,8 @@ const L2RsmFunVtbl *exportedTable(const L2RsmFunVtbl *real)
 
 void *replacement(const char *symbol)
 {
-    static const std::map<std::string_view, void *> functions = {
+    // Never freed: a component's thread may come here until the process is gone.
+    static const auto &functions = *new std::map<std::string_view, void *>{
         {"QorL2ResInit", reinterpret_cast<void *>(init)},
         {"QorL2ResIcibGet", reinterpret_cast<void *>(icibGet)},
         {"QorL2ResPrintVlanEditRes", reinterpret_cast<void *>(dumpVlan)},

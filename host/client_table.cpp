@@ -243,11 +243,14 @@ template <class Operation> static Operation *unlessEmpty(Operation *position, Op
 
 const L2RsmFunVtbl *clientTable(const Module &library, Journal &journal, Ledger &ledger)
 {
-    const L2RsmFunVtbl &module = library.table();
-    s_library = &library;
-    s_module = &module;
-    s_journal = &journal;
-    s_ledger = &ledger;
+    // Once: threads of components loaded before read them.
+    if (s_library == nullptr) {
+        s_library = &library;
+        s_module = &library.table();
+        s_journal = &journal;
+        s_ledger = &ledger;
+    }
+    const L2RsmFunVtbl &module = *s_module;
     static const L2RsmFunVtbl table = {
         .queryInterface = module.queryInterface,
         .hookRegister = unlessEmpty(module.hookRegister, hookRegister),

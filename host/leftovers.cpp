@@ -113,14 +113,19 @@ static void awaitWorker(const Inspector &inspector, u64 atStart)
     }
 }
 
-/* Bytes in use beyond what the started module has; the worker's messages come and go. */
-static u64 bytesKept(const Inspector &inspector, u64 atStart)
+/*
+ * Bytes in use beyond what the started module has. The worker's messages come and go, and stay as long
+ * as it stands still; where no request has `blocks` of data, nothing else should be left.
+ */
+static u64 bytesKept(const Inspector &inspector, u64 atStart, u64 blocks)
 {
     awaitWorker(inspector, atStart);
     u64 least = ~u64{0};
-    for (int look = 0; look < 20 && least != 0; ++look) {
-        const u64 now = inspector.memory().outsideTables();
+    for (int look = 0, calm = 0; look < 3000 && calm < 20 && least != 0; ++look) {
+        const Inspector::Memory memory = inspector.memory();
+        const u64 now = memory.outsideTables();
         least = std::min(least, now > atStart ? now - atStart : 0);
+        calm += blocks != 0 && memory.queued == 0;
         if (least != 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -137,7 +142,7 @@ static void listMemory(const Inspector &inspector, u64 atStart,
             entry.waiters, [](const L2ResWaiter &waiter) { return waiter.data != nullptr; }));
     }
     const Inspector::Memory memory = inspector.memory();
-    const u64 bytes = bytesKept(inspector, atStart);
+    const u64 bytes = bytesKept(inspector, atStart, blocks);
     if (bytes != 0) {
         lines.push_back("memory: " + std::to_string(bytes) + " bytes of partition " +
                         std::to_string(memory.partition) + " not given back (data of requests: " +

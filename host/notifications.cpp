@@ -151,16 +151,17 @@ u32 Notifications::arrive(u32 table, u32 service, u32 event, void *record, void 
     --intercepted_;
     Notification notification = copy(table, service, event, record, data);
     const u64 number = announce(notification);
-    u32 result = QOR_OK;
     if (std::this_thread::get_id() == scenarioThread_) {
-        result = handler_(notification);
-    } else {
-        std::lock_guard lock(mutex_);
-        queue_.push_back(std::move(notification));
-        arrived_.notify_one();
+        const u32 result = handler_(notification);
+        journal_.writeResult(number, "notify", result, "");
+        return result;
     }
-    journal_.writeResult(number, "notify", result, "");
-    return result;
+    // Before the script can hear of it: it may print, or end, at once.
+    journal_.writeResult(number, "notify", QOR_OK, "");
+    std::lock_guard lock(mutex_);
+    queue_.push_back(std::move(notification));
+    arrived_.notify_one();
+    return QOR_OK;
 }
 
 std::optional<Notification> Notifications::take()

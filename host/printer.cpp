@@ -179,6 +179,9 @@ void Printer::hold(bool held)
 {
     std::lock_guard lock(outputMutex_);
     holding_ = held;
+    if (!held) { // before what others print next
+        std::fputs(std::exchange(held_, {}).c_str(), stdout);
+    }
 }
 
 std::string Printer::takeHeld()

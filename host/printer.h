@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "journal.h"
@@ -33,7 +34,10 @@ public:
     /* Events go to standard error; what write() is given stays on standard output. */
     void sendEventsToStandardError();
 
-    /* While lines are held they are kept for the next takeHeld(): a prompt is being edited. */
+    /*
+     * While lines are held they are kept for the next takeHeld(): a prompt is being edited. What is
+     * left at the end is printed then.
+     */
     void hold(bool held);
     std::string takeHeld();
 
@@ -63,6 +67,22 @@ public:
     {
         return Quiet(threadQuiet_);
     }
+    /* While a Loud lives, quietThread() is without effect on its thread. */
+    class Loud {
+    public:
+        Loud() : before_(std::exchange(threadQuiet_, 0))
+        {
+        }
+        ~Loud()
+        {
+            threadQuiet_ = before_;
+        }
+        Loud(const Loud &) = delete;
+        Loud &operator=(const Loud &) = delete;
+
+    private:
+        const int before_;
+    };
 
 private:
     struct Open {

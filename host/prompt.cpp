@@ -109,7 +109,7 @@ static void stopChunk(lua_State *L, lua_Debug *)
 static void onInterrupt(int)
 {
     s_interrupted = true;
-    s_host->scenario.interrupt();
+    s_host->scenario.interrupt(true);
     lua_sethook(s_host->scenario.state(), stopChunk, LUA_MASKCOUNT, 1);
 }
 
@@ -117,6 +117,7 @@ static void onInterrupt(int)
 static void forgetInterrupt(lua_State *L)
 {
     s_interrupted = false;
+    s_host->scenario.interrupt(false);
     lua_sethook(L, nullptr, 0, 0);
 }
 
@@ -143,7 +144,6 @@ bool Prompt::readLine(const char *mark, std::string *line)
     host_.printer.hold(true);
     char *typed = readline(mark);
     host_.printer.hold(false);
-    std::fputs(host_.printer.takeHeld().c_str(), stdout);
     if (typed == nullptr) {
         std::fputs("\n", stdout);
         return false;

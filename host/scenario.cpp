@@ -171,6 +171,8 @@ u32 Scenario::handle(const Notification &notification)
 
 void Scenario::deliverQueued()
 {
+    // Also when a condition's own call comes upon them.
+    const Printer::Loud loud;
     while (const auto notification = host_.notifications.take()) {
         handle(*notification);
     }
@@ -195,8 +197,9 @@ bool Scenario::wait(DeviceTime until, const std::function<bool()> &done)
 {
     using namespace std::chrono;
     const auto end = host_.clock.realTime(until);
-    interrupted_ = false;
     for (;;) {
+        // Before the look: what came while this thread stood still is not too late.
+        const auto now = steady_clock::now();
         deliverQueued();
         throwHandlerError();
         if (done()) {
@@ -205,7 +208,6 @@ bool Scenario::wait(DeviceTime until, const std::function<bool()> &done)
         if (interrupted_) {
             throw ScriptError("interrupted");
         }
-        const auto now = steady_clock::now();
         if (now >= end) {
             return false;
         }

@@ -35,10 +35,10 @@ public:
     void play(const std::string &path);
     /* Handles what other threads queued. Throws what a handler left behind. */
     void deliver();
-    /* Ends a running wait; also from a signal handler. */
-    void interrupt()
+    /* Ends the waits from here on, or ends them no more; also from a signal handler. */
+    void interrupt(bool on)
     {
-        interrupted_ = true;
+        interrupted_ = on;
     }
 
     /* The function at the stack index becomes the handler of the service. */

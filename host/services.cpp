@@ -323,22 +323,21 @@ void Services::changeAlarm(const AlarmObject &object)
     const bool raise = object.attributes->alarmKind == L2RES_ALARM_RAISE;
     const u32 code = object.attributes->tableAlarmCode;
     std::string what = std::string(alarmTableName(code)) + (raise ? " raised" : " cleared");
-    {
-        std::lock_guard lock(mutex_);
-        Alarm &alarm = alarms_[code];
-        what += raise && alarm.on ? " again" : "";
-        alarm.raised = raise ? (alarm.on ? alarm.raised + 1 : 1) : alarm.raised;
-        if (alarm.on != raise) {
-            alarm.since = journal_.clock().now();
-        }
-        noteChange(alarm, raise, object.numbers[0], journal_.clock().now());
-        alarm.on = raise;
-        alarm.code = code;
-        alarm.threshold = object.numbers[0];
-        alarm.slot = object.texts[0];
-        alarm.text = object.texts[1];
-        ++alarmChanges_;
+    // Held until it is written: who sees the change may print, or end the scenario, at once.
+    std::lock_guard lock(mutex_);
+    Alarm &alarm = alarms_[code];
+    what += raise && alarm.on ? " again" : "";
+    alarm.raised = raise ? (alarm.on ? alarm.raised + 1 : 1) : alarm.raised;
+    if (alarm.on != raise) {
+        alarm.since = journal_.clock().now();
     }
+    noteChange(alarm, raise, object.numbers[0], journal_.clock().now());
+    alarm.on = raise;
+    alarm.code = code;
+    alarm.threshold = object.numbers[0];
+    alarm.slot = object.texts[0];
+    alarm.text = object.texts[1];
+    ++alarmChanges_;
     what += ": " + object.texts[0];
     journal_.write(Kind::alarm, what,
                    {{"threshold", object.numbers[0]},

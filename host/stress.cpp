@@ -26,6 +26,7 @@ enum { ICIB, IPAT, TABLES };
  */
 constexpr u32 waitBudget[TABLES] = {L2RES_WAITERS_MAX, L2RES_WAITERS_MAX - 1};
 
+constexpr u64 messageBytes = 16;    // of the module's memory, for each message to its worker
 constexpr u16 workerFwd = 99;       // the worker's callbacks ask under this type
 constexpr u16 firstClientFwd = 100; // client 0's forwarding type
 constexpr u32 maxNesting = 4;       // of requests made in callbacks
@@ -349,7 +350,8 @@ Memory Stress::memory() const
         sum.nodes += hash.stat.nodes;
         sum.buffers += hash.stat.buffers;
     }
-    sum.bytes = all.outsideTables();
+    // A worker that stands still has more of them with each tick.
+    sum.bytes = all.outsideTables() - u64{all.queued} * messageBytes;
     return sum;
 }
 
