@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -32,10 +33,12 @@ inline std::string readFile(const fs::path &path)
 inline fs::path directory()
 {
     static const fs::path path = [] {
-        const fs::path made =
-            fs::path(testing::TempDir()) / ("host_test." + std::to_string(getpid()));
-        fs::create_directories(made);
-        return made;
+        std::string made = testing::TempDir() + "host_test.XXXXXX";
+        if (mkdtemp(made.data()) == nullptr) {
+            throw fs::filesystem_error("mkdtemp", made,
+                                       std::error_code(errno, std::system_category()));
+        }
+        return fs::path(made);
     }();
     return path;
 }
