@@ -4,36 +4,40 @@
 
 #include "arbitration/tables.h"
 
-/* What a judgement is based on: a copy, so that no lock is held while the rule runs. */
+/* What an entry's record is at one moment: a copy, so that no lock is held while a rule runs. */
 struct Holder {
     bool exists;
     L2ResOpRecord record;
-    u32 releases; /* of the entry's bucket at that moment */
 };
+
+inline bool operator==(const Holder &a, const Holder &b)
+{
+    return a.exists == b.exists &&
+           (!a.exists || (a.record.Stamp == b.record.Stamp && a.record.Op == b.record.Op &&
+                          a.record.SrvType == b.record.SrvType && a.record.Used == b.record.Used));
+}
 
 /* Creates hash table and mutex: 0 or 1. */
 u32 CreateOpTable(const CommonTable &table);
 
-/* The search proper, with its lines, no lock: a pointer into the table, or null. */
+/* The search with its lines: a pointer into the table, or null. */
 L2ResOpRecord *SearchOpRecord(const CommonTable &table, const void *key);
 
+/* The same as a copy. */
 Holder FindHolder(const CommonTable &table, const void *key);
 
-/* The same for a query, which whoever holds the table's mutex keeps waiting as he does writers. */
-Holder QueryHolder(const CommonTable &table, const void *key);
-
-/* Inserts or overwrites whatever is there: 0 or 1. */
-u32 StoreOpRecord(const CommonTable &table, const void *key, const L2ResOpRecord &record);
+/* A look without a line. */
+Holder PeekHolder(const CommonTable &table, const void *key);
 
 /*
- * The same, but only while the entry's record is still the judged one. On success judged->releases
- * is brought up to date.
+ * Inserts or overwrites; with `judged`, only while that is still what the entry has. Fails, and the
+ * entry stays as it was, for a null key or record and when there is no memory.
  */
-enum class Replacement { stored, failed, overtaken };
-Replacement ReplaceJudged(const CommonTable &table, const void *key, const L2ResOpRecord &record,
-                          Holder *judged);
+enum class Store { done, failed, overtaken };
+Store StoreOpRecord(const CommonTable &table, const void *key, const L2ResOpRecord *record,
+                    const Holder *judged);
 
-/* Removes the record, which counts as a release: the removal's result, 1 for a null key. */
+/* Removes the record: the removal's result, 1 for a null key. */
 u32 RemoveOpRecord(const CommonTable &table, const void *key);
 
 /* Frees an add or update token: the record stays, not in use. False when there is none. */
@@ -41,12 +45,5 @@ bool MarkReleased(const CommonTable &table, const void *key);
 
 /* Frees a delete token: the record goes; *ret is the removal's result. False when there is none. */
 bool RemoveReleased(const CommonTable &table, const void *key, u32 *ret);
-
-/* Was a token of the entry (or of one in its bucket) freed since `judged` was looked up? */
-bool ReleasedSince(const CommonTable &table, const void *key, const Holder &judged);
-
-/* All mutexes of the table's op records. */
-void LockOpTable(const CommonTable &table);
-void UnlockOpTable(const CommonTable &table);
 
 #endif

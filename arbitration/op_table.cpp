@@ -2,7 +2,6 @@
 
 #include "arbitration/icib.h"
 #include "arbitration/ipat.h"
-#include "arbitration/op_records.h"
 #include "frame/dbg_log.h"
 #include "l2rsm_registry.h"
 
@@ -67,12 +66,13 @@ u32 QorL2ResHashTblInit(void)
     struct Step {
         u32 (*init)(void);
         HASH_Handle *table;
+        ZIR_Mutex *mutex;
     };
     static constexpr Step kSteps[] = {
-        {QorL2ResIcibOpHashInit, &g_icibOpRecordHash},
-        {QorL2ResIcibReOpHashInit, &g_icibReOpRecordHash},
-        {QorL2ResIpatOpHashInit, &g_ipatOpRecordHash},
-        {QorL2ResIpatReOpHashInit, &g_ipatReOpRecordHash},
+        {QorL2ResIcibOpHashInit, &g_icibOpRecordHash, &g_icibOpRecordMutex},
+        {QorL2ResIcibReOpHashInit, &g_icibReOpRecordHash, &g_icibReOpRecordMutex},
+        {QorL2ResIpatOpHashInit, &g_ipatOpRecordHash, &g_ipatOpRecordMutex},
+        {QorL2ResIpatReOpHashInit, &g_ipatReOpRecordHash, &g_ipatReOpRecordMutex},
     };
     for (const Step &step : kSteps) {
         if (step.init() == QOR_OK) {
@@ -80,7 +80,9 @@ u32 QorL2ResHashTblInit(void)
         }
         for (const Step *created = kSteps; created != &step; ++created) {
             if (*created->table != nullptr) {
+                ZIR_MutexLock(created->mutex);
                 HASH_DeleteHash(created->table);
+                ZIR_MutexUnlock(created->mutex);
             }
         }
         return QOR_FAIL;
@@ -92,34 +94,5 @@ void QorL2ResHashDestroy(HASH_Handle handle)
 {
     if (handle != nullptr) {
         HASH_DeleteHash(&handle);
-    }
-}
-
-namespace {
-
-const CommonTable *TableOf(u32 tableId)
-{
-    static constexpr const CommonTable *kTables[] = {&kIcibTable, &kIpatTable};
-    for (const CommonTable *table : kTables) {
-        if (table->tableId == tableId) {
-            return table;
-        }
-    }
-    return nullptr;
-}
-
-} // namespace
-
-void QorL2ResOpRecordsLock(u32 tableId)
-{
-    if (const CommonTable *table = TableOf(tableId)) {
-        LockOpTable(*table);
-    }
-}
-
-void QorL2ResOpRecordsUnlock(u32 tableId)
-{
-    if (const CommonTable *table = TableOf(tableId)) {
-        UnlockOpTable(*table);
     }
 }

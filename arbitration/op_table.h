@@ -32,16 +32,11 @@ QOR_API u32 QorL2resMutexProc(u32 tableId, u32 srvType, u32 opType, L2ResTokenRe
 /* Phase 1: creates all four hash tables, or none: 0 or 1. */
 QOR_API u32 QorL2ResHashTblInit(void);
 
-/* Deletes a table unless null. For other components; the module keeps its tables for ever. */
-QOR_API void QorL2ResHashDestroy(HASH_Handle handle);
-
 /*
- * Keep the op records of a table still, for those who look into its hash table themselves. While they
- * are locked, no other thread changes any, and none but the bare searches reads them. An unknown
- * table id: nothing happens.
+ * Deletes a table unless null. For other components, which hold its mutex if anybody else knows the
+ * table; the module keeps its own for ever.
  */
-QOR_API void QorL2ResOpRecordsLock(u32 tableId);
-QOR_API void QorL2ResOpRecordsUnlock(u32 tableId);
+QOR_API void QorL2ResHashDestroy(HASH_Handle handle);
 
 QOR_END_C
 

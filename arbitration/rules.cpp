@@ -48,12 +48,13 @@ inline void GrantAddOver(L2ResVerdict *verdict, i8 overruled)
     verdict->ReOp = overruled;
 }
 
-u32 AddError(u32 level, const L2ResOpRecord *req)
+// A request that waits meets the same text, at a lower level.
+u32 AddError(const L2ResOpRecord *req, u32 result)
 {
-    QorL2ResDbgWriteLog(level, L2RES_LOG_GENERAL,
+    QorL2ResDbgWriteLog(result == kRefused ? L2RES_LOG_ERROR : L2RES_LOG_STARTUP, L2RES_LOG_GENERAL,
                         "eth commtbl add error,srvtype:%d,timestamp:%llu.", req->SrvType,
                         req->Stamp);
-    return level == L2RES_LOG_ERROR ? kRefused : kJudged;
+    return result;
 }
 
 u32 JudgeAdd(const L2ResOpRecord *req, const L2ResOpRecord *holder, L2ResVerdict *verdict)
@@ -61,10 +62,10 @@ u32 JudgeAdd(const L2ResOpRecord *req, const L2ResOpRecord *holder, L2ResVerdict
     if (!SameType(req, holder)) {
         if (!Newer(req, holder)) {
             verdict->OpCode = L2RES_OP_NONE;
-            return AddError(L2RES_LOG_ERROR, req);
+            return AddError(req, kRefused);
         }
         MustWait(verdict);
-        return AddError(L2RES_LOG_STARTUP, req);
+        return AddError(req, kJudged);
     }
     switch (holder->Op) {
     case L2RES_OP_ADD:
@@ -72,13 +73,13 @@ u32 JudgeAdd(const L2ResOpRecord *req, const L2ResOpRecord *holder, L2ResVerdict
         return kJudged;
     case L2RES_OP_UPDATE: // the update presupposes an add: only an earlier one still makes sense
         if (!Older(req, holder)) {
-            return AddError(L2RES_LOG_ERROR, req);
+            return AddError(req, kRefused);
         }
         GrantAddOver(verdict, L2RES_OP_UPDATE);
         return kJudged;
     case L2RES_OP_DELETE:
         if (!Newer(req, holder)) {
-            return AddError(L2RES_LOG_ERROR, req);
+            return AddError(req, kRefused);
         }
         GrantAddOver(verdict, L2RES_OP_DELETE);
         return kJudged;

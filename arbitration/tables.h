@@ -3,43 +3,49 @@
  *
  * Both keep two hash tables: op records (who holds an entry) and waiting requests (who wants it).
  * One implementation serves both: op_records.cpp, waiters.cpp, token_ops.cpp. A CommonTable names
- * everything in which ICIB and IPAT differ; the two rows stand side by side in tables.cpp.
+ * everything in which ICIB and IPAT differ; icib.cpp and ipat.cpp hold the two rows.
+ *
+ * Every platform call on a hash table is made under that table's mutex, by us as by anybody else who
+ * looks into an exported table. No code holds mutexes of two tables at once, and foreign code runs
+ * under none, except that a callback of the ICIB walk runs under the waiting requests' mutex.
+ * Messages are written with no mutex held, in the order of the steps they report.
  *
  * How one entry's requests stay exact between threads:
- *   - A request is judged against a copy of the holder's record. It replaces the record only if that
+ *   - A request is judged against a copy of the entry's record. It replaces the record only if that
  *     is still the one it was judged against, else it is judged again.
- *   - A stripe's mutex guards what belongs to its buckets: their records and their release counts.
- *     Whoever inserts or overwrites a record takes the table's mutex first, which guards what all
- *     buckets share; look-ups and removals need none of that (hash_table.h). So requests for
- *     different entries meet in one short hold only, and whoever holds the table's mutex keeps
- *     writers waiting but no look-up and no removal.
- *   - Every release of a token counts up its bucket's `releases`. A request that was told to wait is
- *     recorded first and looks at the count then: had a release come in between, it is taken back
- *     and judged again, unless that release has notified it already.
- *   - A release looks for waiting requests after it has counted. It may do so without their mutex: a
- *     request that it misses was recorded later than it counted, so that request sees the count.
- *   - A release claims the entry's waiting requests, calls back with no lock held, and removes them
- *     in the same hold of the mutex that found no further one. Whoever meets a claimed entry leaves
- *     it to the claimer; requests appended meanwhile are notified by the claimer too.
- *   - No code holds mutexes of op records and of waiting requests at once, and foreign code runs
- *     under none, but in the ICIB walk.
- * Messages are written with no mutex held, in the order of the steps they report.
+ *   - A request that must wait is recorded first and looks at the record then. If that is no longer
+ *     the one it was judged against, it is taken back and judged again. A request that stored a record
+ *     of its own and waits (nobody held the entry) looks only whether the entry has a record: judged
+ *     again, its own one would make it pass for a repeat.
+ *   - A release changes the record first and looks for waiting requests then. It claims them, calls
+ *     back with no lock held, and removes them in the same hold of the mutex that found no further
+ *     one. Whoever meets claimed requests leaves them to the claimer; what is appended meanwhile is
+ *     notified by the claimer too.
+ *
+ * Why nobody waits for ever and nobody is told twice. Say request W is recorded at time r and looks
+ * at the record at time l, after r.
+ *   - A release that changes the record after l looks for waiting requests after r: it finds W.
+ *   - A release that changed it before l may have missed W. Then W sees at l what that release left.
+ *     No record: W is taken back. Another record than the one judged: W is taken back, or, if it
+ *     stored one of its own, waits for the release of the one that stands there. A record equal to the
+ *     one judged, freed and made again alike: the rules read nothing but records, so they would decide
+ *     at l as they did; W waits for the release of the record that stands there at l.
+ *   - So W waits for a record that stands there at l, and whoever frees that one finds W. (An ICIB
+ *     record that is not in use may never be freed; there the walk tells W.)
+ *   - A request once claimed is not taken back any more, and one taken back cannot be claimed: both
+ *     happen under the mutex. So a request told by a release is not judged and recorded again.
  */
 #ifndef ARBITRATION_TABLES_H
 #define ARBITRATION_TABLES_H
 
+#include <atomic>
+
+#include "frame/dbg_log.h"
 #include "hash_table.h"
 #include "l2rsm_arbitration.h"
 #include "zir_mutex.h"
 
 constexpr u32 kBucketCount = 1024;
-constexpr u32 kOpStripes = 64; // neighbouring buckets belong to different ones
-
-/* What belongs to every 64th bucket, on cache lines of its own. */
-struct alignas(64) OpStripe {
-    ZIR_Mutex mutex;
-    u32 releases[kBucketCount / kOpStripes]; /* of each bucket, guarded by `mutex` */
-};
 
 /* How one op type's handler behaves and what it writes. */
 struct HandlerRow {
@@ -70,6 +76,15 @@ struct RecordLines {
     void (*notified)(const void *key, u32 srvType, u32 ret);
 };
 
+/* What a table keeps of its waiting requests beside the nodes; guarded by waitMutex but for atomics. */
+struct WaitState {
+    u32 lastSerial;         /* of a waiting request */
+    std::atomic<u32> nodes; /* in waitHash; a release and a tick look at it without the mutex */
+    u16 tick;               /* of the walk; a node carries the one that visited or created it */
+    u32 unvisited;          /* nodes that this tick has not visited yet */
+    std::atomic<u32> arrived, passed; /* those who came for the mutex, those who got it */
+};
+
 struct CommonTable {
     u32 tableId;
     /* Nodes begin with the key. */
@@ -83,13 +98,12 @@ struct CommonTable {
 
     u32 (*hash)(const void *key);
     u32 (*compare)(const void *a, const void *b);
+    /* A hash table is null, and its mutex not initialised, until phase 1 has created it. */
     HASH_Handle *opHash;
     ZIR_Mutex *opMutex;
-    OpStripe *opStripes; /* kOpStripes of them */
     HASH_Handle *waitHash;
     ZIR_Mutex *waitMutex;
-    u32 *lastSerial; /* of a waiting request, guarded by waitMutex */
-    u32 *waitNodes;  /* nodes in waitHash; written under waitMutex, read by a release without it */
+    WaitState *wait;
 
     const char *createOpFailed, *createWaitFailed;
     RecordLines lines;
@@ -98,5 +112,12 @@ struct CommonTable {
 
 extern const CommonTable kIcibTable;
 extern const CommonTable kIpatTable;
+
+inline void WriteFailure(const CommonTable &table, const char *text)
+{
+    if (text != nullptr) {
+        QorL2ResDbgWriteLog(L2RES_LOG_ERROR, table.lines.category, "%s", text);
+    }
+}
 
 #endif

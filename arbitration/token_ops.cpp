@@ -2,85 +2,39 @@
 
 #include "arbitration/op_records.h"
 #include "arbitration/waiters.h"
-#include "frame/dbg_log.h"
 #include "l2rsm_alarms.h"
 #include "l2rsm_registry.h"
 
 namespace {
 
-struct Judgement {
-    L2ResOpRecord record; // the requester's, as it is to be stored
-    L2ResVerdict verdict;
-    u32 ret; // token result, before a wait changes it
-};
-
-// False: refused.
-bool Judge(const CommonTable &table, const HandlerRow &row, u32 opType, const L2ResTokenReq &req,
-           const Holder &holder, Judgement *judgement)
+// The token result as long as the request need not wait; also settles whether the record that may be
+// stored is in use.
+u32 ResultOf(const CommonTable &table, const HandlerRow &row, u32 opType, const Holder &holder,
+             const L2ResVerdict &verdict, L2ResOpRecord *record)
 {
-    *judgement = {};
-    L2ResOpRecord &record = judgement->record;
-    record.Stamp = req.Stamp;
-    record.Op = row.recordedOp;
-    record.SrvType = req.FwdType;
-
-    if (!holder.exists) {
-        judgement->verdict = row.unheld;
-        judgement->ret = row.unheldResult;
-    } else {
-        if (row.rule(&record, &holder.record, &judgement->verdict) != QOR_OK) {
-            return false;
-        }
-        judgement->ret = row.notGrantedResult;
-    }
-    const bool granted = static_cast<u32>(judgement->verdict.OpCode) == opType;
-    if (granted) {
-        judgement->ret = L2RES_TOKEN_PROCEED;
-    }
+    const bool granted = static_cast<u32>(verdict.OpCode) == opType;
     if (table.tracksUse) {
-        record.Used = granted ? 1 : holder.record.Used;
+        record->Used = granted ? 1 : holder.record.Used;
     }
-    return true;
+    if (granted) {
+        return L2RES_TOKEN_PROCEED;
+    }
+    return holder.exists ? row.notGrantedResult : row.unheldResult;
 }
 
-// False: a release overtook the request; it is taken back and must be judged again.
-bool RecordWait(const CommonTable &table, const L2ResTokenReq &req, u32 srvType,
-                const L2ResOpRecord &record, const Holder &holder)
+// Records the request as waiting; `stored`: it has stored a record of its own, else it was judged
+// against `holder`. False: whoever it waits for is gone, it is taken back and must be judged again.
+// One that finds no place is answered like a recorded one, although nobody will be notified.
+bool Wait(const CommonTable &table, const L2ResTokenReq &req, u32 srvType,
+          const L2ResOpRecord &record, const Holder &holder, bool stored)
 {
     u32 serial = 0;
-    if (AppendWaiter(table, req.key, record, req.data, req.dataLen, srvType, &serial) != QOR_OK) {
-        // Answered like a recorded one although nobody will be notified, but not if the entry has
-        // been freed meanwhile.
-        return !ReleasedSince(table, req.key, holder);
+    const u32 ret = AppendWaiter(table, req.key, &record, req.data, req.dataLen, srvType, &serial);
+    const Holder now = PeekHolder(table, req.key);
+    if (stored ? now.exists : now == holder) {
+        return true;
     }
-    return !ReleasedSince(table, req.key, holder) || !TakeBackWaiter(table, req.key, serial);
-}
-
-// Stores and waits as judged. False: another thread overtook the request; judge it again.
-bool CarryOut(const CommonTable &table, const HandlerRow &row, const L2ResTokenReq &req,
-              u32 srvType, Judgement *judgement, Holder *holder)
-{
-    for (;;) {
-        if (judgement->verdict.IsOp == 1 &&
-            ReplaceJudged(table, req.key, judgement->record, holder) == Replacement::overtaken) {
-            return false;
-        }
-        if (judgement->verdict.IsReOp != 1) {
-            return true;
-        }
-        if (RecordWait(table, req, srvType, judgement->record, *holder)) {
-            judgement->ret = row.waitChangesResult ? u32{L2RES_TOKEN_WAIT} : judgement->ret;
-            return true;
-        }
-        if (judgement->verdict.IsOp != 1) {
-            return false;
-        }
-        // Stored and waiting: nobody held the entry, so what was released is the request's own
-        // record. If it is still there the request waits again; judged against itself it would pass
-        // for a repeat and wait for nothing.
-        holder->exists = true;
-        holder->record = judgement->record;
-    }
+    return ret == QOR_OK && !TakeBackWaiter(table, req.key, serial);
 }
 
 } // namespace
@@ -91,26 +45,40 @@ u32 HandleRequest(const CommonTable &table, u32 opType, u32 srvType, const L2Res
         return L2RES_TOKEN_REFUSED;
     }
     const HandlerRow &row = table.handler[opType];
-    const bool logged = LogIsAttached();
-    if (logged) {
-        row.opened(srvType, *req);
-    }
-    for (;;) {
-        Holder holder = FindHolder(table, req->key);
-        Judgement judgement;
-        if (!Judge(table, row, opType, *req, holder, &judgement)) {
+    bool checksUsage = row.checksUsage;
+    row.opened(srvType, *req);
+    for (;;) { // again when the holder's record is no longer the one the request was judged against
+        L2ResVerdict verdict = {};
+        L2ResOpRecord record = {
+            .Stamp = req->Stamp, .Op = row.recordedOp, .SrvType = req->FwdType, .Used = 0};
+        const Holder holder = FindHolder(table, req->key);
+        if (!holder.exists) {
+            verdict = row.unheld;
+        } else if (row.rule(&record, &holder.record, &verdict) != QOR_OK) {
             row.refused(srvType, *req, L2RES_TOKEN_REFUSED);
             return L2RES_TOKEN_REFUSED;
         }
-        if (row.checksUsage) { // calls a hook and the alarm services: no lock held
+        u32 ret = ResultOf(table, row, opType, holder, verdict, &record);
+        if (checksUsage) { // calls a hook and the alarm services: once a request, no lock held
             (void)QorL2ResExceedCheckAndAlarm(L2RES_ALARM_ICIB_PP);
+            checksUsage = false;
         }
-        if (CarryOut(table, row, *req, srvType, &judgement, &holder)) {
-            if (logged) {
-                row.closed(judgement.verdict, judgement.ret);
+        bool stored = false;
+        if (verdict.IsOp == 1) {
+            const Store store = StoreOpRecord(table, req->key, &record, &holder);
+            if (store == Store::overtaken) {
+                continue;
             }
-            return judgement.ret;
+            stored = store == Store::done;
         }
+        if (verdict.IsReOp == 1) {
+            if (!Wait(table, *req, srvType, record, holder, stored)) {
+                continue;
+            }
+            ret = row.waitChangesResult ? u32{L2RES_TOKEN_WAIT} : ret;
+        }
+        row.closed(verdict, ret);
+        return ret;
     }
 }
 

@@ -1,4 +1,4 @@
-/* Token operations: asking for and freeing a token. One implementation for both common tables. */
+/* Asking for a token. One implementation for both common tables. */
 #ifndef ARBITRATION_TOKEN_OPS_H
 #define ARBITRATION_TOKEN_OPS_H
 

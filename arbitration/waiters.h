@@ -13,14 +13,14 @@
 /* Creates hash table and mutex: 0 or 1. */
 u32 CreateWaitTable(const CommonTable &table);
 
-/* The search proper, no lock: a node, or null. */
+/* The search without a line: a node, or null. */
 void *SearchWaitNode(const CommonTable &table, const void *key);
 
 /*
  * Appends a waiting request with a copy of its data. 0 with *serial set (unless null), 1 when it is
- * not recorded (ten are waiting, no memory), or the failed copy's code.
+ * not recorded (null key or record, ten are waiting, no memory), or the failed copy's code.
  */
-u32 AppendWaiter(const CommonTable &table, const void *key, const L2ResOpRecord &record,
+u32 AppendWaiter(const CommonTable &table, const void *key, const L2ResOpRecord *record,
                  const void *data, u16 dataLen, u32 srvType, u32 *serial);
 
 /* Takes a request back that nobody has been notified of. False: it was handed out already. */
@@ -32,15 +32,21 @@ bool TakeBackWaiter(const CommonTable &table, const void *key, u32 serial);
  */
 u32 ReleaseWaiters(const CommonTable &table, const void *key);
 
-/* Removes every waiting request: the removal's result; 0 when there is none or it is claimed. */
-u32 RemoveAllWaiters(const CommonTable &table, const void *key);
-
-/* Removes the latest waiting request, and the node of `hash` with the last one. As above. */
-u32 RemoveLatestWaiter(const CommonTable &table, const void *key, HASH_Handle hash);
+/*
+ * Removes the key's waiting requests untold, as a release of the table does: all, or the latest and
+ * with the last one its node from `hash`. The removal's result; 0 when there is none or it is claimed.
+ */
+u32 RemoveWaiters(const CommonTable &table, const void *key, HASH_Handle hash);
 
 /*
  * One tick of the timed release: counts down every unclaimed node and notifies those that run out,
- * holding the table's mutex throughout.
+ * with the table's mutex held. It gives the mutex back, and way to whoever waits for it, after each
+ * node that was due and after so many others. A tick with nobody waiting touches nothing.
+ *
+ * A table has one iteration position. Whoever else iterates it holds its mutex from the first node to
+ * the last, so the walk does not derail him; him derailing the walk shows in the nodes, each of which
+ * carries the tick that visited it, and the walk goes over the table again for the rest. A node that
+ * comes during a tick counts as visited: its countdown begins with the next one.
  */
 void WalkWaiters(const CommonTable &table);
 

@@ -39,6 +39,7 @@ void Inspector::attach(const Module &module, u8 partition)
     const auto find = [&](const std::string &name, Table &table) {
         symbol("g_" + name + "OpRecordHash", table.ops);
         symbol("g_" + name + "ReOpRecordHash", table.waits);
+        symbol("g_" + name + "OpRecordMutex", table.opMutex);
         symbol("g_" + name + "ReOpRecordMutex", table.waitMutex);
     };
     find("icib", icib_);
@@ -48,36 +49,9 @@ void Inspector::attach(const Module &module, u8 partition)
     icib_.listOffset = offsetof(L2ResIcibReOpRecord, waiters);
     ipat_.recordOffset = sizeof(L2ResIpatKey);
     ipat_.listOffset = offsetof(L2ResIpatReOpRecord, waiters);
-    icib_.id = L2RES_TABLE_ICIB;
-    ipat_.id = L2RES_TABLE_IPAT;
-    const auto function = [&](const char *name, auto &place) {
-        place = reinterpret_cast<std::remove_reference_t<decltype(place)>>(module.symbol(name));
-    };
-    function("QorL2ResOpRecordsLock", lockOps_);
-    function("QorL2ResOpRecordsUnlock", unlockOps_);
     symbol("g_qorl2resQueue", queue_);
     partition_ = partition;
 }
-
-/* Scope in which nobody else reads or changes a table's op records. */
-class Inspector::OpRecordsStill {
-public:
-    OpRecordsStill(const Inspector &inspector, const Table &table)
-        : inspector_(inspector), id_(table.id)
-    {
-        inspector_.lockOps_(id_);
-    }
-    ~OpRecordsStill()
-    {
-        inspector_.unlockOps_(id_);
-    }
-    OpRecordsStill(const OpRecordsStill &) = delete;
-    OpRecordsStill &operator=(const OpRecordsStill &) = delete;
-
-private:
-    const Inspector &inspector_;
-    u32 id_;
-};
 
 template <class Type> static const Type &at(const void *node, std::size_t offset)
 {
@@ -93,10 +67,11 @@ std::optional<L2ResOpRecord> Inspector::holder(TokenTable table, const void *key
 {
     const Table &t = of(table);
     std::optional<L2ResOpRecord> record;
-    const OpRecordsStill still(*this, t);
+    ZIR_MutexLock(t.opMutex);
     if (const void *node = HASH_FindElmtFromFirst(*t.ops, key)) {
         record = at<L2ResOpRecord>(node, t.recordOffset);
     }
+    ZIR_MutexUnlock(t.opMutex);
     return record;
 }
 
@@ -120,13 +95,11 @@ void Inspector::collect(TokenTable which, std::vector<EntryState> &all) const
         const EntryKey key = copyKey(which, node);
         return found.try_emplace(keyText(key), EntryState{which, key}).first->second;
     };
-    {
-        const OpRecordsStill still(*this, t);
-        for (auto *at1 = HASH_GetFirstNode(*t.ops); at1 != nullptr;
-             at1 = HASH_GetNextNode(*t.ops)) {
-            entry(at1->node).holder = at<L2ResOpRecord>(at1->node, t.recordOffset);
-        }
+    ZIR_MutexLock(t.opMutex);
+    for (auto *at1 = HASH_GetFirstNode(*t.ops); at1 != nullptr; at1 = HASH_GetNextNode(*t.ops)) {
+        entry(at1->node).holder = at<L2ResOpRecord>(at1->node, t.recordOffset);
     }
+    ZIR_MutexUnlock(t.opMutex);
     ZIR_MutexLock(t.waitMutex);
     for (auto *at2 = HASH_GetFirstNode(*t.waits); at2 != nullptr;
          at2 = HASH_GetNextNode(*t.waits)) {
@@ -170,21 +143,17 @@ Inspector::Memory Inspector::memory() const
 {
     Memory memory{};
     memory.partition = partition_;
-    const auto ofOps = [this](const char *name, const Table &t) {
+    const auto statOf = [](const char *name, HASH_Handle *table, ZIR_Mutex *mutex) {
         Hash hash{name, {}};
-        const OpRecordsStill still(*this, t);
-        HASH_GetStat(*t.ops, &hash.stat);
+        ZIR_MutexLock(mutex);
+        HASH_GetStat(*table, &hash.stat);
+        ZIR_MutexUnlock(mutex);
         return hash;
     };
-    const auto ofWaits = [](const char *name, const Table &t) {
-        Hash hash{name, {}};
-        ZIR_MutexLock(t.waitMutex);
-        HASH_GetStat(*t.waits, &hash.stat);
-        ZIR_MutexUnlock(t.waitMutex);
-        return hash;
-    };
-    memory.hashes = {ofOps("icib holders", icib_), ofWaits("icib waiters", icib_),
-                     ofOps("ipat holders", ipat_), ofWaits("ipat waiters", ipat_)};
+    memory.hashes = {statOf("icib holders", icib_.ops, icib_.opMutex),
+                     statOf("icib waiters", icib_.waits, icib_.waitMutex),
+                     statOf("ipat holders", ipat_.ops, ipat_.opMutex),
+                     statOf("ipat waiters", ipat_.waits, ipat_.waitMutex)};
     ZIR_PartitionGetStat(partition_, &memory.stat);
     memory.queued = QorEpollQueGetMsgNum(queue());
     return memory;

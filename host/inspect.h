@@ -72,21 +72,17 @@ public:
 private:
     struct Table {
         HASH_Handle *ops = nullptr, *waits = nullptr;
-        ZIR_Mutex *waitMutex = nullptr;
+        ZIR_Mutex *opMutex = nullptr, *waitMutex = nullptr;
         std::size_t recordOffset = 0, listOffset = 0; // in the nodes
-        u32 id = 0;
     };
     const Table &of(TokenTable table) const
     {
         return table == TokenTable::icib ? icib_ : ipat_;
     }
-    class OpRecordsStill;
     u64 queue() const;
     void collect(TokenTable which, std::vector<EntryState> &all) const;
 
     Table icib_, ipat_;
-    void (*lockOps_)(u32 tableId) = nullptr;
-    void (*unlockOps_)(u32 tableId) = nullptr;
     const u64 *queue_ = nullptr;
     u8 partition_ = 0;
 };

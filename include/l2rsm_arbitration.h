@@ -96,8 +96,7 @@ typedef struct {
     L2ResWaiter entry[L2RES_WAITERS_MAX]; /* 0 to reOpNum-1 valid, in arrival order */
     u16 reOpNum;
     i16 walkCountdown; /* ICIB: ticks left until the waiters are notified, 3 at first; IPAT: 0 */
-    u16 claimed;       /* the module's own */
-    u16 reserved;
+    u16 claimed, tick; /* the module's own */
 } L2ResWaitList;
 QOR_STATIC_ASSERT(sizeof(L2ResWaitList) == 328, "waiting entries with their counters");
 

@@ -15,6 +15,7 @@
 #define QOR_GUARDED_BY(mutex) QOR_TSA(guarded_by(mutex))
 #define QOR_ACQUIRED_BEFORE(...) QOR_TSA(acquired_before(__VA_ARGS__))
 #define QOR_ACQUIRE(...) QOR_TSA(acquire_capability(__VA_ARGS__))
+#define QOR_TRY_ACQUIRE(...) QOR_TSA(try_acquire_capability(__VA_ARGS__))
 #define QOR_RELEASE(...) QOR_TSA(release_capability(__VA_ARGS__))
 #define QOR_REQUIRES(...) QOR_TSA(requires_capability(__VA_ARGS__))
 #define QOR_EXCLUDES(...) QOR_TSA(locks_excluded(__VA_ARGS__))

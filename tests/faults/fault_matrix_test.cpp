@@ -74,8 +74,8 @@ void ExpectLocksFree()
 {
     std::thread([] {
         for (const Side *side : kSides) {
-            QorL2ResOpRecordsLock(side->tableId);
-            QorL2ResOpRecordsUnlock(side->tableId);
+            ZIR_MutexLock(side->opMutex);
+            ZIR_MutexUnlock(side->opMutex);
             ZIR_MutexLock(side->waitMutex);
             ZIR_MutexUnlock(side->waitMutex);
         }
