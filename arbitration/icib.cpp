@@ -231,8 +231,7 @@ constinit const CommonTable kIcibTable = {
 
 u32 QorL2ResIcibHashFunc(const void *key)
 {
-    return key != nullptr ? static_cast<const L2ResIcibKey *>(key)->OutVlan & (kBucketCount - 1)
-                          : 0;
+    return key != nullptr ? Icib(key).OutVlan & (kBucketCount - 1) : 0;
 }
 
 u32 QorL2ResIcibCompFunc(const void *a, const void *b)
@@ -240,14 +239,12 @@ u32 QorL2ResIcibCompFunc(const void *a, const void *b)
     if (a == nullptr || b == nullptr) {
         return 0;
     }
-    const auto &x = *static_cast<const L2ResIcibKey *>(a);
-    const auto &y = *static_cast<const L2ResIcibKey *>(b);
-    return x.keyType == y.keyType && x.GlobalPort == y.GlobalPort && x.Vsi == y.Vsi &&
-                   x.keyAttr1 == y.keyAttr1 && x.OutVlan == y.OutVlan && x.keyAttr2 == y.keyAttr2 &&
-                   x.InnerVlan == y.InnerVlan && x.keyAttr3 == y.keyAttr3 && x.Pri == y.Pri &&
-                   x.Vdc == y.Vdc
-               ? 1
-               : 0;
+    const L2ResIcibKey &x = Icib(a), &y = Icib(b);
+    const bool equal = x.keyType == y.keyType && x.GlobalPort == y.GlobalPort && x.Vsi == y.Vsi &&
+                       x.keyAttr1 == y.keyAttr1 && x.OutVlan == y.OutVlan &&
+                       x.keyAttr2 == y.keyAttr2 && x.InnerVlan == y.InnerVlan &&
+                       x.keyAttr3 == y.keyAttr3 && x.Pri == y.Pri && x.Vdc == y.Vdc;
+    return equal ? 1 : 0;
 }
 
 u32 QorL2ResIcibOpHashInit(void)

@@ -2,11 +2,12 @@
  * ICIB arbitration: its hash tables, record functions, handlers, release and walk. What it shares
  * with IPAT is in tables.h.
  *
- * Locks: the op records have a stripe's mutex and g_icibOpRecordMutex (tables.h), the waiting requests
- * g_icibReOpRecordMutex. The module never holds the former and the latter at once, except that a
- * callback run by the walk, which holds the latter, may ask for a token. The bare searches take no lock
- * and return a pointer into the table: for callers that know that nobody changes the entry, or adds
- * or removes one of its bucket, meanwhile.
+ * Locks: every function takes the mutex it needs; the caller may hold it, too, for it is recursive.
+ * The module never holds two at once, except that a callback run by the walk, which holds
+ * g_icibReOpRecordMutex, may ask for a token. Whoever looks into a hash table himself, with the
+ * platform's calls, holds its mutex, from the first node of an iteration to the last. The searches
+ * return a pointer into the table: good as long as the caller holds the mutex, or knows that nobody
+ * changes or removes the entry.
  */
 #ifndef ARBITRATION_ICIB_H
 #define ARBITRATION_ICIB_H
@@ -52,7 +53,10 @@ QOR_API u32 QorL2ResIcibDelMutexProc(u32 srvType, L2ResTokenReq *req);
 /* Notifies and removes the key's waiters, on this thread, no lock held. Returns 0. */
 QOR_API u32 QorL2ResIcibReOpProc(L2ResTokenReq *req);
 
-/* One tick: notifies and removes the waiters whose countdown runs out. Worker task. */
+/*
+ * One tick: notifies and removes the waiters whose countdown runs out, with g_icibReOpRecordMutex held
+ * during the callbacks and given back between two entries. Worker task.
+ */
 QOR_API void QorL2ResIcibReOpHashWalk(void);
 
 /* Fills one line of the query and logs it. */

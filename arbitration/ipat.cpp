@@ -203,17 +203,14 @@ constinit const CommonTable kIpatTable = {
 
 u32 QorL2ResIpatHashFunc(const void *key)
 {
-    return key != nullptr ? static_cast<const L2ResIpatKey *>(key)->port & (kBucketCount - 1) : 0;
+    return key != nullptr ? Ipat(key).port & (kBucketCount - 1) : 0;
 }
 
 u32 QorL2ResIpatCompFunc(const void *a, const void *b)
 {
-    if (a == nullptr || b == nullptr) {
-        return 0;
-    }
-    const auto &x = *static_cast<const L2ResIpatKey *>(a);
-    const auto &y = *static_cast<const L2ResIpatKey *>(b);
-    return x.unit == y.unit && x.port == y.port ? 1 : 0;
+    const bool equal = a != nullptr && b != nullptr && Ipat(a).unit == Ipat(b).unit &&
+                       Ipat(a).port == Ipat(b).port;
+    return equal ? 1 : 0;
 }
 
 u32 QorL2ResIpatOpHashInit(void)

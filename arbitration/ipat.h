@@ -1,5 +1,5 @@
 /*
- * IPAT arbitration: as ICIB's (icib.h) but for the differences listed in tables.cpp. Nothing of it
+ * IPAT arbitration: as ICIB's (icib.h) but for the differences listed in tables.h. Nothing of it
  * runs on the worker.
  */
 #ifndef ARBITRATION_IPAT_H

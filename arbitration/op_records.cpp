@@ -44,11 +44,11 @@ void WriteSearch(const CommonTable &table, const void *key, const Holder &found)
     if (table.silentBeforeInit && *table.opHash == nullptr) {
         return;
     }
-    table.lines.searched(key);
+    WriteLine(table.lines.searched, key);
     if (found.exists) {
-        table.lines.found(key, found.record);
+        WriteLine(table.lines.found, key, found.record);
     } else {
-        table.lines.notFound(key);
+        WriteLine(table.lines.notFound, key);
     }
 }
 
@@ -157,7 +157,7 @@ Store StoreOpRecord(const CommonTable &table, const void *key, const L2ResOpReco
     if (ret != QOR_OK) {
         return Store::failed;
     }
-    table.lines.stored(key, *record);
+    WriteLine(table.lines.stored, key, *record);
     return Store::done;
 }
 
@@ -172,7 +172,7 @@ u32 RemoveOpRecord(const CommonTable &table, const void *key)
         ret = HASH_RemoveElmtByKey(*table.opHash, key);
         ZIR_MutexUnlock(table.opMutex);
     }
-    table.lines.removed(key, ret);
+    WriteLine(table.lines.removed, key, ret);
     return ret;
 }
 
@@ -204,7 +204,7 @@ bool RemoveReleased(const CommonTable &table, const void *key, u32 *ret)
     }
     WriteSearch(table, key, before);
     if (before.exists) {
-        table.lines.removed(key, *ret);
+        WriteLine(table.lines.removed, key, *ret);
     }
     return before.exists;
 }

@@ -46,7 +46,7 @@ u32 HandleRequest(const CommonTable &table, u32 opType, u32 srvType, const L2Res
     }
     const HandlerRow &row = table.handler[opType];
     bool checksUsage = row.checksUsage;
-    row.opened(srvType, *req);
+    WriteLine(row.opened, srvType, *req);
     for (;;) { // again when the holder's record is no longer the one the request was judged against
         L2ResVerdict verdict = {};
         L2ResOpRecord record = {
@@ -55,7 +55,7 @@ u32 HandleRequest(const CommonTable &table, u32 opType, u32 srvType, const L2Res
         if (!holder.exists) {
             verdict = row.unheld;
         } else if (row.rule(&record, &holder.record, &verdict) != QOR_OK) {
-            row.refused(srvType, *req, L2RES_TOKEN_REFUSED);
+            WriteLine(row.refused, srvType, *req, L2RES_TOKEN_REFUSED);
             return L2RES_TOKEN_REFUSED;
         }
         u32 ret = ResultOf(table, row, opType, holder, verdict, &record);
@@ -77,7 +77,7 @@ u32 HandleRequest(const CommonTable &table, u32 opType, u32 srvType, const L2Res
             }
             ret = row.waitChangesResult ? u32{L2RES_TOKEN_WAIT} : ret;
         }
-        row.closed(verdict, ret);
+        WriteLine(row.closed, verdict, ret);
         return ret;
     }
 }

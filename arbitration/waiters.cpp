@@ -1,10 +1,7 @@
 #include "arbitration/waiters.h"
 
-#include <thread>
-
 #include "bounded.h"
 #include "frame/memory.h"
-#include "l2rsm_registry.h"
 
 u32 CreateWaitTable(const CommonTable &table)
 {
@@ -19,34 +16,25 @@ u32 CreateWaitTable(const CommonTable &table)
     return QOR_OK;
 }
 
-namespace {
-
-inline L2ResWaitList *ListOf(const CommonTable &table, void *node)
-{
-    return reinterpret_cast<L2ResWaitList *>(static_cast<u8 *>(node) + table.waitListOffset);
-}
-
-// Whoever comes for the mutex is counted, so that the walk can give way to him.
-void Lock(const CommonTable &table) QOR_ACQUIRE(*table.waitMutex)
+void LockWaiters(const CommonTable &table)
 {
     ++table.wait->arrived;
     ZIR_MutexLock(table.waitMutex);
     ++table.wait->passed;
 }
 
-// The head of every operation: locks the table and finds the entry's node, null when there is none.
-// False, with nothing locked, while there is no table.
-bool LockAndFind(const CommonTable &table, const void *key, void **node)
-    QOR_TRY_ACQUIRE(true, *table.waitMutex)
+bool LockAndFindWaiters(const CommonTable &table, const void *key, void **node)
 {
     *node = nullptr;
     if (*table.waitHash == nullptr) {
         return false;
     }
-    Lock(table);
+    LockWaiters(table);
     *node = HASH_FindElmtFromFirst(*table.waitHash, key);
     return true;
 }
+
+namespace {
 
 u32 InsertNode(const CommonTable &table, void *node) QOR_REQUIRES(*table.waitMutex)
 {
@@ -78,7 +66,7 @@ u32 RemoveNode(const CommonTable &table, HASH_Handle hash, void *node)
 void *SearchWaitNode(const CommonTable &table, const void *key)
 {
     void *node = nullptr;
-    if (key != nullptr && LockAndFind(table, key, &node)) {
+    if (key != nullptr && LockAndFindWaiters(table, key, &node)) {
         ZIR_MutexUnlock(table.waitMutex);
     }
     return node;
@@ -206,7 +194,7 @@ u32 AppendWaiter(const CommonTable &table, const void *key, const L2ResOpRecord 
     u16 reOpNum = 1;
     u32 ret = QOR_OK;
     void *node = nullptr;
-    if (LockAndFind(table, key, &node)) {
+    if (LockAndFindWaiters(table, key, &node)) {
         if (node != nullptr) {
             L2ResWaitList *list = ListOf(table, node);
             ret = AppendToNode(table, list, request, &failure);
@@ -224,8 +212,8 @@ u32 AppendWaiter(const CommonTable &table, const void *key, const L2ResOpRecord 
     }
 
     WriteFailure(table, failure);
-    if (ret == QOR_OK && table.lines.appended != nullptr) {
-        table.lines.appended(*record, reOpNum);
+    if (ret == QOR_OK) {
+        WriteLine(table.lines.appended, *record, reOpNum);
     }
     return ret;
 }
@@ -260,6 +248,15 @@ u32 DropLatest(const CommonTable &table, void *node, HASH_Handle hash)
     return list->reOpNum == 0 ? RemoveNode(table, hash, node) : QOR_OK;
 }
 
+} // namespace
+
+u32 DropWaiters(const CommonTable &table, void *node, HASH_Handle hash)
+{
+    return table.releaseEmptiesList ? EmptyNode(table, node) : DropLatest(table, node, hash);
+}
+
+namespace {
+
 // An entry of the list goes, those behind it move up.
 void TakeOut(L2ResWaitList *list, u16 place)
 {
@@ -276,7 +273,7 @@ bool TakeBackWaiter(const CommonTable &table, const void *key, u32 serial)
 {
     bool taken = false;
     void *node = nullptr;
-    if (!LockAndFind(table, key, &node)) {
+    if (!LockAndFindWaiters(table, key, &node)) {
         return false;
     }
     L2ResWaitList *list = node != nullptr ? ListOf(table, node) : nullptr;
@@ -293,169 +290,17 @@ bool TakeBackWaiter(const CommonTable &table, const void *key, u32 serial)
     return taken;
 }
 
-namespace {
-
-// Marks the entries from `first` to before `end` as handed out. Nobody writes them any more, so they
-// can be read with the mutex free. Without its serial an entry cannot be taken back even when the
-// release leaves it in the list.
-inline void Claim(L2ResWaitList *list, u16 first, u16 end)
-{
-    list->claimed = end;
-    for (u16 i = first; i < end; ++i) {
-        list->entry[i].serial = kHandedOut;
-    }
-}
-
-inline u32 Notify(const CommonTable &table, const L2ResWaiter &waiter, void *node)
-{
-    return QorL2ResNotifyWaitingProc(table.tableId, waiter.srvType, L2RES_EVENT_ENTRY_FREE, node,
-                                     waiter.data);
-}
-
-// Round by round until nothing is left: what is appended meanwhile is notified as well. The mutex is
-// held before and after, and free while a callback runs.
-u32 NotifyAll(const CommonTable &table, void *node) QOR_REQUIRES(*table.waitMutex)
-{
-    u32 ret = QOR_OK;
-    L2ResWaitList *list = ListOf(table, node);
-    for (u16 i = 0; i < list->reOpNum;) {
-        const u16 end = list->reOpNum;
-        Claim(list, i, end);
-        ZIR_MutexUnlock(table.waitMutex);
-        for (; i < end; ++i) {
-            const L2ResWaiter &waiter = list->entry[i];
-            ret = Notify(table, waiter, node);
-            table.lines.notified(node, waiter.srvType, ret);
-        }
-        Lock(table);
-    }
-    list->claimed = 0;
-    return ret;
-}
-
-u32 NoWaiters(const CommonTable &table, const void *key)
-{
-    if (table.lines.noWaiters != nullptr) {
-        table.lines.noWaiters(key);
-    }
-    return QOR_OK;
-}
-
-} // namespace
-
-u32 ReleaseWaiters(const CommonTable &table, const void *key)
-{
-    void *node = nullptr;
-    if (table.wait->nodes == 0 || !LockAndFind(table, key, &node)) { // most releases
-        return NoWaiters(table, key);
-    }
-    if (node == nullptr) {
-        ZIR_MutexUnlock(table.waitMutex);
-        return NoWaiters(table, key);
-    }
-    u32 ret = QOR_OK;
-    if (ListOf(table, node)->claimed == 0) {
-        ret = NotifyAll(table, node);
-        (void)(table.releaseEmptiesList ? EmptyNode(table, node)
-                                        : DropLatest(table, node, *table.waitHash));
-    }
-    ZIR_MutexUnlock(table.waitMutex);
-    return ret;
-}
-
 u32 RemoveWaiters(const CommonTable &table, const void *key, HASH_Handle hash)
 {
     u32 ret = QOR_OK;
     void *node = nullptr;
-    if (LockAndFind(table, key, &node)) {
+    if (LockAndFindWaiters(table, key, &node)) {
         if (node != nullptr && ListOf(table, node)->claimed == 0) {
-            ret = table.releaseEmptiesList ? EmptyNode(table, node) : DropLatest(table, node, hash);
+            ret = DropWaiters(table, node, hash);
         }
         ZIR_MutexUnlock(table.waitMutex);
     }
     return ret;
-}
-
-namespace {
-
-constexpr u32 kVisitsAHold = 1024; // some tens of microseconds
-constexpr u32 kPatience = 1000;    // yields; a fraction of a millisecond
-
-// With the mutex free until one of those who wait for it has had it: without that, a walk that takes
-// it again at once would keep a sleeping thread out for as long as it lasts. `failure`: a line or null.
-void GiveWay(const CommonTable &table, const char *failure) QOR_REQUIRES(*table.waitMutex)
-{
-    const WaitState &wait = *table.wait;
-    const u32 passed = wait.passed;
-    const bool wanted = wait.arrived != passed;
-    ZIR_MutexUnlock(table.waitMutex);
-    WriteFailure(table, failure);
-    for (u32 i = 0; wanted && wait.passed == passed && i < kPatience; ++i) {
-        std::this_thread::yield();
-    }
-    ZIR_MutexLock(table.waitMutex);
-}
-
-// Notifies a node's requests, the mutex held: the element the walk stands on must not go away under a
-// callback. Then they go, and the mutex is given back.
-void ReleaseDue(const CommonTable &table, void *node) QOR_REQUIRES(*table.waitMutex)
-{
-    L2ResWaitList *list = ListOf(table, node);
-    for (u16 i = 0; i < list->reOpNum; ++i) {
-        Claim(list, i, static_cast<u16>(i + 1));
-        const L2ResWaiter &waiter = list->entry[i];
-        const u32 ret = Notify(table, waiter, node);
-        QorL2ResDbgWriteLog(L2RES_LOG_ERROR, table.lines.category,
-                            "Notify Available, srvType:%d ,ret:%u.", waiter.srvType, ret);
-    }
-    list->claimed = 0;
-    const bool removed = EmptyNode(table, node) == QOR_OK;
-    GiveWay(table, removed ? nullptr : "QorL2ResIcibReOpHashWalk Free ReopHash Fail.");
-}
-
-// Counts a node down, once a tick. True: its requests are due.
-bool CountDown(const CommonTable &table, L2ResWaitList *list) QOR_REQUIRES(*table.waitMutex)
-{
-    if (list->tick == table.wait->tick) {
-        return false;
-    }
-    list->tick = table.wait->tick;
-    --table.wait->unvisited;
-    return list->claimed == 0 && (list->walkCountdown < 1 || --list->walkCountdown == 0);
-}
-
-void VisitAll(const CommonTable &table, u32 visitsAHold) QOR_REQUIRES(*table.waitMutex)
-{
-    u32 visits = 0;
-    for (HASH_Element *element = HASH_GetFirstNode(*table.waitHash); element != nullptr;
-         element = HASH_GetNextNode(*table.waitHash)) {
-        void *node = element->node;
-        if (CountDown(table, ListOf(table, node))) {
-            ReleaseDue(table, node);
-        } else if (++visits % visitsAHold == 0) {
-            GiveWay(table, nullptr);
-        }
-    }
-}
-
-} // namespace
-
-void WalkWaiters(const CommonTable &table)
-{
-    WaitState &wait = *table.wait;
-    if (*table.waitHash == nullptr || wait.nodes == 0) {
-        return;
-    }
-    ZIR_MutexLock(table.waitMutex);
-    ++wait.tick;
-    wait.unvisited = wait.nodes;
-    VisitAll(table, kVisitsAHold);
-    // Somebody else iterated meanwhile and moved the position: once more, for the rest, in one hold.
-    for (u32 left = wait.nodes + 1; wait.unvisited != 0 && wait.unvisited < left;) {
-        left = wait.unvisited;
-        VisitAll(table, wait.nodes + 1);
-    }
-    ZIR_MutexUnlock(table.waitMutex);
 }
 
 u16 CopyWaiters(const CommonTable &table, const void *key, bool *exists,
@@ -464,7 +309,7 @@ u16 CopyWaiters(const CommonTable &table, const void *key, bool *exists,
     u16 count = 0;
     void *node = nullptr;
     *exists = false;
-    if (LockAndFind(table, key, &node)) {
+    if (LockAndFindWaiters(table, key, &node)) {
         *exists = node != nullptr;
         if (node != nullptr) {
             const L2ResWaitList *list = ListOf(table, node);

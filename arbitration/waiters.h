@@ -13,6 +13,30 @@
 /* Creates hash table and mutex: 0 or 1. */
 u32 CreateWaitTable(const CommonTable &table);
 
+constexpr u32 kHandedOut = 0; /* serial of an entry that has been notified */
+
+inline L2ResWaitList *ListOf(const CommonTable &table, void *node)
+{
+    return reinterpret_cast<L2ResWaitList *>(static_cast<u8 *>(node) + table.waitListOffset);
+}
+
+/* Whoever comes for the mutex is counted, so that the walk can give way to him. */
+void LockWaiters(const CommonTable &table) QOR_ACQUIRE(*table.waitMutex);
+
+/*
+ * The head of every operation: locks the table and finds the entry's node, null when there is none.
+ * False, with nothing locked, while there is no table.
+ */
+bool LockAndFindWaiters(const CommonTable &table, const void *key, void **node)
+    QOR_TRY_ACQUIRE(true, *table.waitMutex);
+
+/*
+ * Takes out what a release of the table takes out, told or not: all requests, or the latest unless the
+ * list is full; with the last one the node goes from `hash`. The removal's result.
+ */
+u32 DropWaiters(const CommonTable &table, void *node, HASH_Handle hash)
+    QOR_REQUIRES(*table.waitMutex);
+
 /* The search without a line: a node, or null. */
 void *SearchWaitNode(const CommonTable &table, const void *key);
 
@@ -32,10 +56,7 @@ bool TakeBackWaiter(const CommonTable &table, const void *key, u32 serial);
  */
 u32 ReleaseWaiters(const CommonTable &table, const void *key);
 
-/*
- * Removes the key's waiting requests untold, as a release of the table does: all, or the latest and
- * with the last one its node from `hash`. The removal's result; 0 when there is none or it is claimed.
- */
+/* DropWaiters, by a key: 0 also when nobody waits or the list is claimed. */
 u32 RemoveWaiters(const CommonTable &table, const void *key, HASH_Handle hash);
 
 /*

@@ -4,9 +4,19 @@
  * A service asks for an entry's token before it writes the entry (position 3 or 7 of the exported
  * table) and frees the token when it is done (4 or 8). Per entry the module keeps the op record of
  * the request that holds it and up to ten waiting requests. When a token is freed, every waiter is
- * called back with event 0 (l2rsm_registry.h) and may ask again; an ICIB waiter whose entry is never
- * freed is called back on the third tick of the re-op timer, two to three seconds after the first
- * waiter of the entry arrived.
+ * called back with event 0 (l2rsm_registry.h) and may ask again.
+ *
+ * An ICIB waiter whose entry is never freed is called back on the third tick of the re-op timer after
+ * the first waiter of the entry arrived: after two to three seconds, later when the worker is held up
+ * by callbacks or has no processor. IPAT has no such tick. A release takes all waiting requests of an
+ * ICIB entry out of the list, of an IPAT entry only the latest: the others stay and are called again
+ * by each later release, and a list of ten is never shortened: its requests, with the copies of their
+ * data, stay as long as the process lives.
+ *
+ * Callbacks of a release run on the thread that frees the token, with no lock of the module held. Those
+ * of the tick run on the worker with the ICIB waiters' mutex held: until one returns, nobody else can
+ * record, release or query waiting requests of ICIB. It may itself get and free tokens, as any other,
+ * but must not wait for a thread that does.
  *
  * A request that must wait again when it is repeated from a callback joins the list that is being
  * notified and is called back again by the same release, until the list's ten places are used up; the

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <mutex>
 #include <utility>
@@ -20,6 +21,7 @@ namespace {
 thread_local int t_held = 0;
 thread_local const ZIR_Mutex *t_unlocked = nullptr; // a table's, while others are still held
 thread_local bool t_walking = false;
+std::atomic<unsigned> g_tableLocks{0};
 u64 g_bytesWhenEmpty;
 
 void ExpectNoMutexHeld(const std::string &what)
@@ -112,6 +114,7 @@ extern "C" QOR_API void ZIR_MutexLock(ZIR_Mutex *mutex) QOR_NO_THREAD_SAFETY
 {
     Behind("ZIR_MutexLock", mutex);
     ++t_held;
+    g_tableLocks += IsTables(mutex);
     EXPECT_TRUE(t_held == 1 || !IsTables(mutex) || t_walking) << "a table's mutex is not the first";
 }
 
@@ -140,6 +143,11 @@ void AtUnlock(const ZIR_Mutex *mutex, std::function<void()> act)
 int HeldMutexes()
 {
     return t_held;
+}
+
+unsigned TableLocks()
+{
+    return g_tableLocks;
 }
 
 void Clean(const Side &side, const Key &key)

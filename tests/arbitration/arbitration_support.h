@@ -24,6 +24,8 @@ void Walk(unsigned ticks = 1);
 
 /* Mutexes of the module that this thread holds. */
 int HeldMutexes();
+/* How often a table's mutex has been locked so far. */
+unsigned TableLocks();
 
 /* Starts the module with every service registered on both tables (callbacks write "notify SERVICE
    DATA" and then run `onNotify`, if set) and a count hook for ICIB_PP that reports a table not full. */

@@ -111,7 +111,9 @@ TEST_F(Interleaving, AnOvertakenWaitIsTakenBackAndJudgedAgain)
     ForBoth([](const Side &side) {
         EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
         AtMessage("L2ResAddMutex Op:0,IsOp:0", [&] { EXPECT_EQ(side.Free(kDelete), 0u); });
+        const unsigned hookCalls = g_countHookCalls;
         EXPECT_EQ(side.Get(kAdd, {2, 20, 200, "A"}), 0u);
+        EXPECT_EQ(g_countHookCalls - hookCalls, side.icib ? 1u : 0u); // judged twice, checked once
         EXPECT_EQ(side.Record()->SrvType, 20u);
         EXPECT_EQ(side.Waiting(), nullptr);
         EXPECT_EQ(Notifications(), "");
@@ -142,6 +144,61 @@ TEST_F(Interleaving, AnOvertakenWaitIsTakenBackAndJudgedAgain)
     EXPECT_EQ(kIcib.Get(kAdd, {2, 20, 200, "A"}), 4u);
     EXPECT_EQ(CountOf("L2ResAddMutex,"), 2u);
     EXPECT_EQ(kIcib.WaitingCount(), 1u);
+}
+
+// Entries of one bucket have nothing to do with each other.
+TEST_F(Interleaving, ReleasesOfOtherEntriesDoNotMatter)
+{
+    const Key mate = MakeKey(100, 77);
+    ForBoth([&](const Side &side) {
+        EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+        EXPECT_EQ(side.Get(kAdd, {1, 10, 100}, mate), 0u);
+        AtMessage("L2ResAddMutex Op:0,IsOp:0", [&] { (void)side.Free(kDelete, mate); });
+        AtUnlock(side.waitMutex, [&] { // recorded, not yet looked back
+            EXPECT_EQ(side.Get(kAdd, {1, 10, 100}, mate), 0u);
+            (void)side.Free(kDelete, mate);
+        });
+        const unsigned hookCalls = g_countHookCalls;
+        EXPECT_EQ(side.Get(kAdd, {2, 20, 200, "A"}), 4u);
+        EXPECT_EQ(CountOf("L2ResAddMutex,type:20"), 1u);
+        EXPECT_EQ(g_countHookCalls - hookCalls, side.icib ? 2u : 0u); // the mate's add is one
+        EXPECT_EQ(Notifications(), "");
+        EXPECT_EQ(side.WaitingCount(), 1u);
+    });
+}
+
+// Freed and made again alike: the request waits for the record that stands there now.
+TEST_F(Interleaving, ARecordMadeAgainAlikeIsWaitedFor)
+{
+    ForBoth([](const Side &side) {
+        EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+        AtMessage("L2ResAddMutex Op:0,IsOp:0", [&] {
+            EXPECT_EQ(side.Free(kDelete), 0u);
+            EXPECT_EQ(side.Get(kAdd, {1, 10, 100}), 0u);
+        });
+        EXPECT_EQ(side.Get(kAdd, {2, 20, 200, "A"}), 4u);
+        EXPECT_EQ(Notifications(), "");
+        EXPECT_EQ(side.Free(kDelete), 0u);
+        EXPECT_EQ(Notifications(), " 2 A");
+    });
+}
+
+// Who stored a record of its own and waits is not judged against what followed it: the repeat of its
+// own type would leave both of them without a place in the list.
+TEST_F(Interleaving, ARequestWaitsBehindItsOwnRecordsSuccessor)
+{
+    ForBoth([](const Side &side) {
+        AtUnlock(side.opMutex, [&] {     // the search has ended
+            AtUnlock(side.opMutex, [&] { // the record is stored
+                OnOtherThread([&] { (void)side.Get(kDelete, {3, 20, 101, "B"}); });
+            });
+        });
+        EXPECT_EQ(side.Get(kDelete, {2, 20, 100, "A"}), 4u);
+        EXPECT_EQ(side.Record()->Stamp, 101u);
+        EXPECT_EQ(side.WaitingCount(), 1u);
+        EXPECT_EQ(side.Free(kDelete), 0u);
+        EXPECT_EQ(Notifications(), " 2 A");
+    });
 }
 
 // A release that comes after the request was recorded notifies it; then it is not taken back, also
@@ -243,6 +300,28 @@ TEST_F(Interleaving, WhoWaitsAgainFromACallbackIsNotifiedAgain)
     });
 }
 
+// A client that keeps one request for everything has another entry's key in it when its callback
+// returns.
+TEST_F(Interleaving, ACallbackMayReuseTheRequestsKey)
+{
+    const Key other = MakeKey(101);
+    ForBoth([&](const Side &side) {
+        Key key = MakeKey();
+        EXPECT_EQ(side.Get(kDelete, {2, 20, 1, "A"}, key), 4u);
+        EXPECT_EQ(side.Get(kDelete, {3, 30, 1, "B"}, other), 4u);
+        g_onNotify = [&](u32, void *, void *) {
+            key = other;
+            return 0u;
+        };
+        EXPECT_EQ(side.Free(kDelete, key), 0u);
+        EXPECT_EQ(Notifications(), " 2 A");
+        EXPECT_EQ(side.Waiting(), nullptr);
+        EXPECT_EQ(side.WaitingCount(other), 1u);
+        Clean(side, other);
+        g_onNotify = nullptr;
+    });
+}
+
 // While a release calls back, others append, free, take everything away or let the walk run: all
 // of it is left to the one that notifies.
 TEST_F(Interleaving, AClaimedNodeIsLeftToItsClaimer)
@@ -267,6 +346,67 @@ TEST_F(Interleaving, AClaimedNodeIsLeftToItsClaimer)
         EXPECT_EQ(Notifications(), " 2 A 3 B");
         EXPECT_EQ(side.WaitingCount(), side.icib ? 0u : 1u);
     });
+}
+
+// Everybody gets at the waiting requests between two entries whose time has come.
+TEST_F(Interleaving, TheWalkGivesItsMutexBackAfterEachDueNode)
+{
+    for (u16 bucket = 0; bucket < 3; ++bucket) {
+        EXPECT_EQ(kIcib.Get(kDelete, {2, 20, 1, "A"}, MakeKey(bucket)), 4u);
+    }
+    Walk(2);
+    std::vector<size_t> told;
+    for (int i = 0; i < 3; ++i) {
+        AtUnlock(kIcib.waitMutex, [&] { told.push_back(journal::Only(journal::kNotify).size()); });
+    }
+    Walk();
+    EXPECT_EQ(told, (std::vector<size_t>{1, 2, 3}));
+    for (u16 bucket = 0; bucket < 3; ++bucket) {
+        Clean(kIcib, MakeKey(bucket));
+    }
+    ExpectNothingLeft();
+}
+
+// In the middle of a long walk: somebody else iterates the table to its end, an entry goes, another
+// one comes. The walk still counts down every entry that was there before, and each once.
+TEST_F(Interleaving, TheWalkIsNotDerailed)
+{
+    constexpr u16 kEntries = 3000;
+    const auto key = [](u16 i) { return MakeKey(static_cast<u16>(i % 1024), i); };
+    const auto countdown = [&](u16 i) { return kIcib.Waiting(key(i))->walkCountdown; };
+    for (u16 i = 0; i < kEntries; ++i) {
+        EXPECT_EQ(kIcib.Get(kUpdate, {2, 20, 1}, key(i)), 3u);
+    }
+    AtUnlock(kIcib.waitMutex, [&] {
+        OnOtherThread([&] {
+            unsigned counted = 0;
+            ZIR_MutexLock(kIcib.waitMutex);
+            for (auto *at = HASH_GetFirstNode(*kIcib.waitHash); at != nullptr;
+                 at = HASH_GetNextNode(*kIcib.waitHash)) {
+                counted += static_cast<L2ResIcibReOpRecord *>(at->node)->waiters.walkCountdown == 2;
+            }
+            ZIR_MutexUnlock(kIcib.waitMutex);
+            EXPECT_GT(counted, 0u);
+            EXPECT_LT(counted, u32{kEntries});
+            EXPECT_EQ(kIcib.DeleteWaiting(key(0)), 0u);
+            EXPECT_EQ(kIcib.DeleteWaiting(key(kEntries - 1)), 0u);
+            EXPECT_EQ(kIcib.Get(kUpdate, {2, 20, 1}, key(kEntries)), 3u);
+        });
+    });
+    Walk();
+    for (u16 i = 1; i < kEntries - 1; ++i) {
+        ASSERT_EQ(countdown(i), 2) << i;
+    }
+    EXPECT_EQ(countdown(kEntries), 3);
+    Walk(2);
+    EXPECT_EQ(journal::Only(journal::kNotify).size(), kEntries - 2u);
+    EXPECT_EQ(kIcib.WaitingCount(key(kEntries)), 1u);
+    Walk();
+    EXPECT_EQ(kIcib.Waiting(key(kEntries)), nullptr);
+
+    const unsigned locks = TableLocks();
+    Walk(); // nobody waits
+    EXPECT_EQ(TableLocks(), locks);
 }
 
 } // namespace

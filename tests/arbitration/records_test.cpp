@@ -223,12 +223,25 @@ TEST_F(Records, ExportedOperationsRefuseNull)
     EXPECT_TRUE(journal::Equal(TakeLines(), {}));
 }
 
+// Before phase 1 there is neither a table nor a mutex to lock.
 TEST(HashTables, NeedNotExist)
 {
     const Key key = MakeKey();
     Walk();
     EXPECT_EQ(QorL2ResIpatOpHashSearch(&key.ipat), nullptr);
     EXPECT_TRUE(journal::Equal(TakeLines(), {}));
+    EXPECT_EQ(QorL2ResIcibOpHashSearch(&key.icib), nullptr);
+    EXPECT_EQ(QorL2ResIcibReOpHashSearch(&key.icib), nullptr);
+    EXPECT_EQ(QorL2ResIpatReOpHashSearch(&key.ipat), nullptr);
+    for (const Side *side : kSides) {
+        EXPECT_EQ(side->Store({1, 1, 1, 0}), 1u);
+        EXPECT_EQ(side->DeleteRecord(), 1u);
+        EXPECT_EQ(Append(*side, "data"), 1u);
+        EXPECT_EQ(side->icib ? side->DeleteWaiting() : 0u, 0u);
+        EXPECT_EQ(side->Get(kDelete, {1, 10, 100}), 4u);
+        EXPECT_EQ(side->Free(kDelete), side->icib ? 1u : 0u);
+    }
+    EXPECT_EQ(TableLocks(), 0u);
     QorL2ResHashDestroy(nullptr);
     EXPECT_EQ(faults::Calls(Op::HASH_DeleteHash), 0u);
 }
