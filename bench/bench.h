@@ -85,6 +85,7 @@ template <class Function> void AddManual(const std::string &name, Function &&fun
 /* Each registers the benchmarks of a file. `quick`: without the sizes that only a curve needs. */
 void AddTables(bool quick);
 void AddTokens(bool quick);
+void AddCrowd(bool quick);
 void AddLog();
 void AddMemory();
 void AddVlan();

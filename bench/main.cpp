@@ -25,9 +25,9 @@ namespace {
 struct Options {
     bool quick = false;
     std::string output;
-    std::vector<std::string> groups = {"find",   "bucket",  "inner",  "walk",  "memory",
-                                       "tokens", "waiters", "log",    "block", "vlan",
-                                       "stream", "wake",    "startup"};
+    std::vector<std::string> groups = {"find",    "bucket", "inner", "walk",   "memory", "tokens",
+                                       "waiters", "crowd",  "idle",  "hooks",  "log",    "block",
+                                       "vlan",    "stream", "wake",  "startup"};
     std::vector<char *> rest; // for the benchmark library
 };
 
@@ -159,6 +159,7 @@ int main(int argc, char **argv)
     }
     bench::AddTables(options.quick);
     bench::AddTokens(options.quick);
+    bench::AddCrowd(options.quick);
     bench::AddLog();
     bench::AddMemory();
     bench::AddVlan();
