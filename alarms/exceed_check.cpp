@@ -13,6 +13,11 @@ constexpr u32 kResendCycles = 120; // of 5000 ms: ten minutes
 // Raises sent so far per type: tells a clear that a raise overtook it.
 std::atomic<u32> g_raisesSent[L2RES_ALARM_COUNT];
 
+inline u32 RaisesSent(u32 alarmType)
+{
+    return g_raisesSent[alarmType].load();
+}
+
 inline std::atomic_ref<u32> Raised(u32 alarmType)
 {
     return std::atomic_ref(g_qorl2ResAlarmTbl[alarmType].raised);
@@ -91,10 +96,10 @@ u32 SendRaise(u32 alarmType, u32 threshold)
     return QOR_OK;
 }
 
-// Sends a clear with its lines; 0 sent, or 1 and the alarm stays raised.
-u32 SendClear(u32 alarmType, u32 threshold)
+// Sends a clear with its lines; 0 sent, or 1 and the alarm stays raised. raises: those sent before
+// the counts were read that the clear goes by.
+u32 SendClear(u32 alarmType, u32 threshold, u32 raises)
 {
-    const u32 raisesBefore = g_raisesSent[alarmType].load();
     QorL2ResDbgWriteLog(L2RES_LOG_REPORT, L2RES_LOG_GENERAL,
                         "L2Res type %d alarm resume, ulResThreshold: %d.", alarmType, threshold);
     if (Send(alarmType, threshold, L2RES_ALARM_CLEAR) != QOR_OK) {
@@ -106,10 +111,43 @@ u32 SendClear(u32 alarmType, u32 threshold)
     Raised(alarmType).store(0);
     // A raise sent meanwhile may have reached the alarm service after our clear: stay raised, the
     // next probe clears again if it need not be.
-    if (g_raisesSent[alarmType].load() != raisesBefore) {
+    if (RaisesSent(alarmType) != raises) {
         Raised(alarmType).store(1);
     }
     return QOR_OK;
+}
+
+// Counts a cycle; true when it was the 120th and the raise was sent again.
+bool Resend(u32 alarmType, u32 threshold)
+{
+    if (ResendCount(alarmType).fetch_add(1) + 1 < kResendCycles) {
+        return false;
+    }
+    const bool sent = SendRaise(alarmType, threshold) == QOR_OK;
+    if (!sent) {
+        QorL2ResDbgWriteLog(L2RES_LOG_ERROR, L2RES_LOG_GENERAL,
+                            "Icib alarm start failed, ulResThreshold:%d.", threshold);
+    }
+    ResendCount(alarmType).store(0);
+    return sent;
+}
+
+// The clear of a probe cycle.
+void ClearIfRoom(u32 alarmType, const Counts &counts, u32 raises)
+{
+    if (counts.used >= counts.total || !IsRaised(alarmType)) {
+        return;
+    }
+    // The table has run full since it was counted: a clear would take the new alarm back, and with
+    // the flag down nobody would look at the table again. The next cycle has newer counts.
+    if (RaisesSent(alarmType) != raises) {
+        return;
+    }
+    (void)SendClear(alarmType, counts.total, raises); // a failed one is tried again next cycle
+    if (counts.idle != 0) {
+        (void)QorL2ResIdleNotifyProc(g_qorl2ResAlarmTbl[alarmType].notifyTableId);
+    }
+    ResendCount(alarmType).store(0);
 }
 
 u32 WriteNotInit(u32 alarmType)
@@ -170,7 +208,7 @@ u32 QorL2ResAlarmStart(u32 alarmType, u32 threshold)
 
 u32 QorL2ResAlarmResume(u32 alarmType, u32 threshold)
 {
-    return alarmType < L2RES_ALARM_COUNT ? SendClear(alarmType, threshold)
+    return alarmType < L2RES_ALARM_COUNT ? SendClear(alarmType, threshold, RaisesSent(alarmType))
                                          : WriteNotInit(alarmType);
 }
 
@@ -179,40 +217,27 @@ void QorL2ResProbeProc(u32 alarmType)
     if (!IsRegistered(alarmType) || !IsRaised(alarmType)) {
         return;
     }
-    const u32 raisesBefore = g_raisesSent[alarmType].load();
+    u32 raises = RaisesSent(alarmType);
     Counts counts;
     if (!ReadCounts(g_qorl2ResAlarmTbl[alarmType].hookType, Reporter::probe, &counts)) {
         return;
     }
-    const bool overtaken = g_raisesSent[alarmType].load() != raisesBefore;
-    QorL2ResAlarmResend(alarmType, counts.total);
-    // The table has run full since it was counted: a clear would take the new alarm back, and with
-    // the flag down nobody would look at the table again. The next cycle has newer counts.
-    if (!overtaken) {
-        QorL2ResProbe(alarmType, counts.total, counts.used, counts.idle);
+    if (Resend(alarmType, counts.total)) {
+        ++raises; // our own does not overtake us
     }
+    ClearIfRoom(alarmType, counts, raises);
 }
 
 void QorL2ResAlarmResend(u32 alarmType, u32 threshold)
 {
-    if (alarmType >= L2RES_ALARM_COUNT || ResendCount(alarmType).fetch_add(1) + 1 < kResendCycles) {
-        return;
+    if (alarmType < L2RES_ALARM_COUNT) {
+        (void)Resend(alarmType, threshold);
     }
-    if (SendRaise(alarmType, threshold) != QOR_OK) {
-        QorL2ResDbgWriteLog(L2RES_LOG_ERROR, L2RES_LOG_GENERAL,
-                            "Icib alarm start failed, ulResThreshold:%d.", threshold);
-    }
-    ResendCount(alarmType).store(0);
 }
 
 void QorL2ResProbe(u32 alarmType, u32 total, u32 used, u32 idle)
 {
-    if (alarmType >= L2RES_ALARM_COUNT || used >= total || !IsRaised(alarmType)) {
-        return;
+    if (alarmType < L2RES_ALARM_COUNT) {
+        ClearIfRoom(alarmType, {total, used, idle}, RaisesSent(alarmType));
     }
-    (void)SendClear(alarmType, total); // a failed one is tried again at the next cycle
-    if (idle != 0) {
-        (void)QorL2ResIdleNotifyProc(g_qorl2ResAlarmTbl[alarmType].notifyTableId);
-    }
-    ResendCount(alarmType).store(0);
 }
