@@ -65,35 +65,26 @@ u32 QorL2ResGetDbgLogLevel(u32 level, u32 *debugLevel, u32 *blackBoxLevel)
     return QOR_OK;
 }
 
-namespace {
-
-// Apart from the log call, so that this costs a message that is not written next to nothing.
-__attribute__((noinline, format(printf, 2, 0))) void Write(const LevelRow &row, const char *format,
-                                                           va_list arguments)
+void QorL2ResDbgWriteLog(u32 level, u32 category, const char *format, ...)
 {
+    (void)category;
+    const LevelRow &row = RowOf(level);
+    // Without a service nobody would see the text: spare the formatting.
+    if (!LogIsAttached() || !row.written) {
+        return;
+    }
     char text[L2RES_LOG_SIZE] = {};
-    if (vsnprintf_s(text, sizeof text, sizeof text - 1, format, arguments) < 0) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf_s(text, sizeof text, sizeof text - 1, format, arguments);
+    va_end(arguments);
+    if (length < 0) {
         return;
     }
     QorL2resVtblPrintDbgLog(g_qorL2resDbgId, row.debugLevel, text);
     if (row.blackBoxLevel != kNoBlackBox) {
         QorL2resPrintBlackBox(row.blackBoxLevel, text);
     }
-}
-
-} // namespace
-
-void QorL2ResDbgWriteLog(u32 level, u32 category, const char *format, ...)
-{
-    (void)category;
-    // Without a service nobody would see the text: spare the formatting.
-    if (!LogIsAttached() || !RowOf(level).written) {
-        return;
-    }
-    va_list arguments;
-    va_start(arguments, format);
-    Write(RowOf(level), format, arguments);
-    va_end(arguments);
 }
 
 void QorL2resInitDbg(void)

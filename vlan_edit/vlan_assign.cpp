@@ -33,7 +33,7 @@ u32 Assign(const VlanDirection *direction, const VlanEditInfo *info, u16 *profil
         return QOR_FAIL;
     }
     const VlanTexts &texts = direction->texts;
-    VlanWrite(texts.assignReceived, info);
+    texts.assignReceived(info);
     if (QorL2ResCheckVlanEditInfo(info) == 0) {
         texts.assignOutOfRange(info->servType);
         return QOR_FAIL;
@@ -44,7 +44,7 @@ u32 Assign(const VlanDirection *direction, const VlanEditInfo *info, u16 *profil
         return QOR_FAIL;
     }
     *profileId = id;
-    VlanWrite(texts.assignProfile, info->servType, id);
+    texts.assignProfile(info->servType, id);
     if (direction->setCommand(info, id) != QOR_OK) {
         /* The profile stays taken: it may be the service's from earlier assignments. */
         texts.assignCommandFailed(info->servType, id);
@@ -57,20 +57,20 @@ u32 Assign(const VlanDirection *direction, const VlanEditInfo *info, u16 *profil
 u32 TakeCommand(const VlanDirection *direction, const VlanEditInfo *info, u16 *commandId,
                 bool *stored)
 {
-    const VlanEditCommand *command = VlanCommandOf(info);
-    *commandId = VlanFindCommand(direction, command);
+    const VlanEditCommand command = VlanCommandOf(info);
+    *commandId = VlanFindCommand(direction, &command);
     *stored = *commandId == L2RES_VLAN_NO_COMMAND;
     if (!*stored) {
         return QOR_OK;
     }
-    if (VlanStoreCommand(direction, command, commandId) != QOR_OK) {
+    if (VlanStoreCommand(direction, &command, commandId) != QOR_OK) {
         return QOR_FAIL;
     }
     if (*commandId == L2RES_VLAN_NO_COMMAND) {
         direction->texts.commandTableFull(info->servType);
         return QOR_FAIL;
     }
-    VlanWrite(direction->texts.commandStored, info->servType, *commandId);
+    direction->texts.commandStored(info->servType, *commandId);
     return QOR_OK;
 }
 
@@ -92,7 +92,7 @@ u32 SetCommand(const VlanDirection *direction, const VlanEditInfo *info, u16 pro
         return QOR_OK;
     }
     const u32 commandFlag = direction->directionFlag | wanted;
-    VlanWrite(direction->texts.programming, info->servType, commandFlag);
+    direction->texts.programming(info->servType, commandFlag);
     if (QorL2ResSetVlanTranslation(info, profileId, commandId, commandFlag) != QOR_OK) {
         /* What is booked stays booked, so that a release finds what it has to undo. */
         direction->texts.programmingFailed(info->servType, profileId, commandId);

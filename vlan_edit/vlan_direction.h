@@ -10,9 +10,6 @@
 #ifndef VLAN_EDIT_VLAN_DIRECTION_H
 #define VLAN_EDIT_VLAN_DIRECTION_H
 
-#include <stddef.h>
-
-#include "frame/dbg_log.h"
 #include "l2rsm_vlan_edit.h"
 
 enum { VLAN_FIRST_GENERAL_PROFILE = 4, VLAN_FIRST_MAPPING = 1 };
@@ -43,15 +40,6 @@ struct VlanTexts {
     void (*releasing)(u32 mappingId, u32 profFlg, u32 profileId, u32 cmdFlg, u32 commandId);
 };
 
-/* A line of the ordinary course: when nobody would see it, not even its arguments are gathered. */
-template <typename... Parameters, typename... Arguments>
-inline void VlanWrite(void (*line)(Parameters...), Arguments... arguments)
-{
-    if (LogIsAttached()) {
-        line(arguments...);
-    }
-}
-
 struct VlanDirection {
     u32 *profiles;
     VlanEditCommand *commands;
@@ -78,11 +66,11 @@ inline const VlanDirection *VlanDirectionOf(u32 flag)
     return flag == L2RES_VLAN_EGRESS ? &g_vlanEgress : &g_vlanIngress;
 }
 
-/* The command block of a request stands in it, as its third to tenth field. */
-inline const VlanEditCommand *VlanCommandOf(const VlanEditInfo *info)
+/* The command block of a request: its third to tenth field. */
+inline VlanEditCommand VlanCommandOf(const VlanEditInfo *info)
 {
-    return reinterpret_cast<const VlanEditCommand *>(reinterpret_cast<const char *>(info) +
-                                                     offsetof(VlanEditInfo, outerTag));
+    return {info->outerTag,  info->innerTag,  info->outerPri,        info->innerPri,
+            info->outerTpid, info->innerTpid, info->outerTpidAction, info->innerTpidAction};
 }
 
 /* The steps that assignment, release and the exported primitives are made of. */
@@ -113,8 +101,7 @@ struct VlanSharing {
     u32 profileShared; /* the profile's mapping to another command, or, for profile 0, a free entry */
     u32 formatShared; /* a mapping names both under another tag format */
 };
-void VlanFindSharing(const VlanDirection *direction, const VlanEditMapping *key,
-                     VlanSharing *sharing);
+VlanSharing VlanFindSharing(const VlanDirection *direction, const VlanEditMapping *key);
 
 /* Clears the mapping entry (below 128) and, when nobody shares them, profile and command. */
 void VlanClear(const VlanDirection *direction, u32 mappingId, const VlanEditMapping *key,

@@ -43,8 +43,7 @@ u32 RemoveMapping(const VlanDirection *direction, const VlanEditInfo *info,
     /* Another tag format needs both, although the exported sharing test counts it for neither. */
     const u32 profFlg = sharing->profileShared | sharing->formatShared;
     const u32 cmdFlg = sharing->commandShared | sharing->formatShared;
-    VlanWrite(direction->texts.releasing, sharing->mappingId, profFlg, key->profileId, cmdFlg,
-              key->commandId);
+    direction->texts.releasing(sharing->mappingId, profFlg, key->profileId, cmdFlg, key->commandId);
     VlanClear(direction, sharing->mappingId, key, cmdFlg, profFlg);
     return QOR_OK;
 }
@@ -54,7 +53,7 @@ u32 Release(const VlanDirection *direction, const VlanEditInfo *info)
     if (info == nullptr) {
         return QOR_FAIL;
     }
-    VlanWrite(direction->texts.releaseReceived);
+    direction->texts.releaseReceived();
     QorL2ResPrintVlanEditInfo(L2RES_LOG_REPORT, info);
     if (info->servType < 1 || info->servType > 12) {
         direction->texts.releaseUnknownService();
@@ -66,15 +65,15 @@ u32 Release(const VlanDirection *direction, const VlanEditInfo *info)
         direction->texts.releaseNoProfile(info);
         return QOR_OK;
     }
-    const u16 commandId = VlanFindCommand(direction, VlanCommandOf(info));
+    const VlanEditCommand command = VlanCommandOf(info);
+    const u16 commandId = VlanFindCommand(direction, &command);
     if (commandId == L2RES_VLAN_NO_COMMAND) {
         QorL2ResDbgWriteLog(L2RES_LOG_ERROR, L2RES_LOG_GENERAL, "[L2RES]No assign ive cmd");
         QorL2ResPrintVlanEditInfo(L2RES_LOG_ERROR, info);
         return QOR_FAIL;
     }
     const VlanEditMapping key = {profileId, info->tagFormat, commandId};
-    VlanSharing sharing;
-    VlanFindSharing(direction, &key, &sharing);
+    const VlanSharing sharing = VlanFindSharing(direction, &key);
     if (sharing.mappingId == L2RES_VLAN_NO_MAPPING) {
         QorL2ResDbgWriteLog(L2RES_LOG_ERROR, L2RES_LOG_GENERAL,
                             "[[L2RES]]Find mapping data fail, profileId:%d, cmdId:%d", profileId,

@@ -1,8 +1,5 @@
 #include "vlan_edit/vlan_direction.h"
 
-#include <stddef.h>
-#include <string.h>
-
 #include "bounded.h"
 #include "frame/dbg_log.h"
 #include "zir_memory.h"
@@ -11,8 +8,7 @@ namespace {
 
 /*
  * The first index from `first` on whose entry passes the test, or the table's size. The searches are
- * most of what an assignment costs: their tests begin with the one comparison that most entries fail,
- * and the unrolled loop adds little to it. By seven, as 127 entries leave just one over.
+ * most of what an assignment costs. Unrolled by seven, as 127 entries leave just one over.
  */
 template <u32 size, typename Entry, typename Test>
 inline u32 FirstFrom(const Entry *table, u32 first, const Test &test)
@@ -35,14 +31,6 @@ inline u32 FirstMapping(const VlanDirection *direction, u32 first, const Test &t
 template <typename Test> inline u32 FirstCommand(const VlanDirection *direction, const Test &test)
 {
     return FirstFrom<L2RES_VLAN_COMMAND_COUNT>(direction->commands, direction->firstCommand, test);
-}
-
-/* Two neighbouring fields of a command, from that offset on, as one word to compare. */
-inline u64 TwoFields(const VlanEditCommand &command, size_t offset)
-{
-    u64 word;
-    memcpy(&word, reinterpret_cast<const u8 *>(&command) + offset, sizeof word);
-    return word;
 }
 
 inline bool IsFree(const VlanEditMapping &entry)
@@ -112,12 +100,10 @@ u16 VlanOwnedProfile(const VlanDirection *direction, u32 servType, u32 outerTpid
 
 u16 VlanFindCommand(const VlanDirection *direction, const VlanEditCommand *command)
 {
-    constexpr size_t kTags = offsetof(VlanEditCommand, outerTag);
-    constexpr size_t kPriorities = offsetof(VlanEditCommand, outerPri);
-    const u64 tags = TwoFields(*command, kTags);
-    const u64 priorities = TwoFields(*command, kPriorities);
-    const auto isSame = [=](const VlanEditCommand &entry) {
-        return TwoFields(entry, kTags) == tags && TwoFields(entry, kPriorities) == priorities &&
+    /* Most entries differ in their actions already, which spares the call. */
+    const auto isSame = [command](const VlanEditCommand &entry) {
+        return entry.outerTag == command->outerTag && entry.innerTag == command->innerTag &&
+               entry.outerPri == command->outerPri && entry.innerPri == command->innerPri &&
                ZIR_MemCmp(&entry, command, sizeof entry) == 0;
     };
     return static_cast<u16>(FirstCommand(direction, isSame));
@@ -138,51 +124,46 @@ u32 VlanStoreCommand(const VlanDirection *direction, const VlanEditCommand *comm
 
 bool VlanBookMapping(const VlanDirection *direction, const VlanEditMapping *mapping)
 {
-    const VlanEditMapping wanted = *mapping;
-    const auto isWanted = [wanted](const VlanEditMapping &entry) {
-        return entry.commandId == wanted.commandId && entry.profileId == wanted.profileId &&
-               entry.tagFormat == wanted.tagFormat;
+    const auto isWanted = [mapping](const VlanEditMapping &entry) {
+        return entry.commandId == mapping->commandId && entry.profileId == mapping->profileId &&
+               entry.tagFormat == mapping->tagFormat;
     };
     if (FirstMapping(direction, VLAN_FIRST_MAPPING, isWanted) != L2RES_VLAN_NO_MAPPING) {
         return true;
     }
     const u32 freeEntry = FirstMapping(direction, VLAN_FIRST_MAPPING, IsFree);
     /* Entry 0 takes a mapping that no longer fits. */
-    direction->mappings[freeEntry != L2RES_VLAN_NO_MAPPING ? freeEntry : 0] = wanted;
+    direction->mappings[freeEntry != L2RES_VLAN_NO_MAPPING ? freeEntry : 0] = *mapping;
     return false;
 }
 
-void VlanFindSharing(const VlanDirection *direction, const VlanEditMapping *key,
-                     VlanSharing *sharing)
+VlanSharing VlanFindSharing(const VlanDirection *direction, const VlanEditMapping *key)
 {
-    const VlanEditMapping wanted = *key;
     /* Free entries name profile 0: its mark outlives a release, and is rewritten anyway. */
-    const auto sharesProfile = [wanted](const VlanEditMapping &entry) {
-        return entry.profileId == wanted.profileId && entry.commandId != wanted.commandId;
+    const auto sharesProfile = [key](const VlanEditMapping &entry) {
+        return entry.profileId == key->profileId && entry.commandId != key->commandId;
     };
     const u32 other = FirstMapping(direction, VLAN_FIRST_MAPPING, sharesProfile);
-    *sharing = {.mappingId = L2RES_VLAN_NO_MAPPING,
-                .commandShared = 0,
-                .profileShared = other != L2RES_VLAN_NO_MAPPING ? 1U : 0U,
-                .formatShared = 0};
+    VlanSharing sharing = {L2RES_VLAN_NO_MAPPING, 0, other != L2RES_VLAN_NO_MAPPING ? 1U : 0U, 0};
 
-    const auto namesCommand = [wanted](const VlanEditMapping &entry) {
-        return entry.commandId == wanted.commandId;
+    const auto namesCommand = [key](const VlanEditMapping &entry) {
+        return entry.commandId == key->commandId;
     };
     for (u32 i = VLAN_FIRST_MAPPING;
          (i = FirstMapping(direction, i, namesCommand)) < L2RES_VLAN_MAPPING_COUNT; i++) {
         const VlanEditMapping &entry = direction->mappings[i];
-        if (entry.profileId != wanted.profileId) {
+        if (entry.profileId != key->profileId) {
             QorL2ResDbgWriteLog(L2RES_LOG_REPORT, L2RES_LOG_GENERAL,
                                 "[L2RES]used cmd, cmdId:%u, prof:%u-%u,", entry.commandId,
-                                entry.profileId, wanted.profileId);
-            sharing->commandShared = 1;
-        } else if (entry.tagFormat == wanted.tagFormat) {
-            sharing->mappingId = i;
+                                entry.profileId, key->profileId);
+            sharing.commandShared = 1;
+        } else if (entry.tagFormat == key->tagFormat) {
+            sharing.mappingId = i;
         } else if (!IsFree(entry)) {
-            sharing->formatShared = 1;
+            sharing.formatShared = 1;
         }
     }
+    return sharing;
 }
 
 void VlanClear(const VlanDirection *direction, u32 mappingId, const VlanEditMapping *key,
@@ -299,8 +280,7 @@ void QorL2ResGetIveMappingInfo(u32 tagFormat, u16 profileId, u16 commandId, u32 
 
 u32 QorL2ResFindVEMapping(u32 flag, const VlanEditMapping *key, u32 *cmdFlg, u32 *profFlg)
 {
-    VlanSharing sharing;
-    VlanFindSharing(VlanDirectionOf(flag), key, &sharing);
+    const VlanSharing sharing = VlanFindSharing(VlanDirectionOf(flag), key);
     *cmdFlg = sharing.commandShared;
     *profFlg = sharing.profileShared;
     return sharing.mappingId;
@@ -330,12 +310,13 @@ u32 QorL2ResCheckVlanEditInfo(const VlanEditInfo *info)
         !AllWithin(&info->tagFormat, 1, 1, 7)) {
         return 0;
     }
-    return QorL2ResCheckVlanAction(VlanCommandOf(info));
+    const VlanEditCommand command = VlanCommandOf(info);
+    return QorL2ResCheckVlanAction(&command);
 }
 
 void QorL2ResPrintVlanEditInfo(u32 level, const VlanEditInfo *info)
 {
-    if (info == nullptr || !LogIsAttached()) {
+    if (info == nullptr) {
         return;
     }
     QorL2ResDbgWriteLog(level, L2RES_LOG_GENERAL,
