@@ -8,6 +8,8 @@
 #ifndef FRAME_DBG_LOG_H
 #define FRAME_DBG_LOG_H
 
+#include <stdbool.h>
+
 #include "frame/service_tables.h"
 #include "qor_types.h"
 
@@ -51,23 +53,13 @@ QOR_API void QorL2resVtblPrintDbgLog(u32 id, u32 debugLevel, const char *text);
 QOR_API u32 QorL2resRegBlackBoxModule(const char *name, const char *description, u32 *id);
 QOR_API void QorL2resVtblPrintBlackBox(u32 id, u32 blackBoxLevel, const char *text);
 
-QOR_END_C
-
 /* Would any message be seen? Asked once by code that is about to write several lines. */
-inline bool LogIsAttached()
+static inline bool LogIsAttached(void)
 {
-    return g_qorL2resFuncVtbl[L2RES_VTBL_DEBUG_LOG] != nullptr ||
-           g_qorL2resFuncVtbl[L2RES_VTBL_BLACK_BOX] != nullptr;
+    return g_qorL2resFuncVtbl[L2RES_VTBL_DEBUG_LOG] != 0 ||
+           g_qorL2resFuncVtbl[L2RES_VTBL_BLACK_BOX] != 0;
 }
 
-/* A line out of a descriptor's row, null where the row has none. Its dozen arguments are not even
-   gathered when nobody would see it: without services that is half of what a request costs. */
-template <typename... Parameters, typename... Arguments>
-inline void WriteLine(void (*line)(Parameters...), const Arguments &...arguments)
-{
-    if (line != nullptr && LogIsAttached()) {
-        line(arguments...);
-    }
-}
+QOR_END_C
 
 #endif

@@ -5,12 +5,17 @@
 #ifdef __cplusplus
 #define QOR_BEGIN_C extern "C" {
 #define QOR_END_C }
-#define QOR_STATIC_ASSERT(condition, text) static_assert(condition, text)
+#define QOR_STATIC_ASSERT_ALWAYS static_assert
 #else
 #define QOR_BEGIN_C
 #define QOR_END_C
-#define QOR_STATIC_ASSERT(condition, text) _Static_assert(condition, text)
+#define QOR_STATIC_ASSERT_ALWAYS _Static_assert
 #endif
+
+QOR_STATIC_ASSERT_ALWAYS(sizeof(void *) == 8, "the forwarding manager is 64-bit code");
+/* For layouts, which are those of 64-bit code: elsewhere the error above says it all. */
+#define QOR_STATIC_ASSERT(condition, text)                                                         \
+    QOR_STATIC_ASSERT_ALWAYS(sizeof(void *) != 8 || (condition), text)
 
 /* What a shared object shows to the process; everything else is built hidden. */
 #define QOR_API __attribute__((visibility("default")))

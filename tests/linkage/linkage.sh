@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # What the built module looks like to the loader, and the headers to a C compiler.
 #   linkage.sh module LIBRARY EXPORTS NEEDED...   exports are exactly those listed, dependencies too
-#   linkage.sh headers CC INCLUDE_DIR...          each header compiles alone as C11
+#   linkage.sh headers CC ROOT                    each C header of the tree compiles alone as C11
 set -uo pipefail
 export LC_ALL=C
 failed=0
@@ -27,15 +27,19 @@ module)
     same "static constructors" "" "$(nm "$library" | grep -o '_GLOBAL__sub_I.*')"
     ;;
 headers)
-    cc=$2
-    shift 2
-    for directory in "$@"; do
-        for header in "$directory"/*.h; do
-            printf '#include "%s"\nextern int unit;\n' "${header##*/}" |
-                "$cc" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only "${@/#/-I}" -x c - ||
-                { echo "in $header" && failed=1; }
-        done
+    root=$3
+    cc=("$2" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only
+        "-I$root/include" "-I$root/platform/include" "-I$root" -x c -)
+    for header in "$root"/{include,platform/include,frame,alarms}/*.h; do
+        printf '#include "%s"\nextern int unit;\n' "$header" | "${cc[@]}" ||
+            { echo "in $header" && failed=1; }
     done
+    # Compiled for another size of pointers, they say so, and that is all they say.
+    if echo 'extern int unit;' | "${cc[@]}" -m32; then
+        errors=$(echo '#include "l2rsm_component.h"' | "${cc[@]}" -m32 2>&1 | grep 'error:')
+        same "errors as 32-bit code" 1 "$(grep -c '64-bit' <<<"$errors")"
+        same "lines of these" 1 "$(wc -l <<<"$errors")"
+    fi
     ;;
 *)
     echo "usage: see the head of $0"
