@@ -23,6 +23,8 @@ module)
     same "run paths" '$ORIGIN' "$(sed -n 's/.*(R.*PATH).*\[\(.*\)\]/\1/p' <<<"$dynamic")"
     # Bound to itself, a patch or a process that replaces a symbol would go unheard.
     same "symbolic bindings" "" "$(grep -o SYMBOLIC <<<"$dynamic")"
+    # The worker, once started, goes on after a dlclose.
+    same "unloading" NODELETE "$(grep -o NODELETE <<<"$dynamic")"
     # Nothing of the module may run before the host calls it.
     same "static constructors" "" "$(nm "$library" | grep -o '_GLOBAL__sub_I.*')"
     ;;
