@@ -4,7 +4,8 @@
  * Two timers post messages into the queue "L2RSM_Q_DATA"; the worker waits on its epoll instance and
  * the host's dispatcher hands it one message at a time. A posted message and its data belong to the
  * queue from a successful write on, and are freed by the worker. Timer callbacks run in the
- * platform's timer context and only post; everything else here runs on the worker.
+ * platform's timer context and only post; everything else here runs on the worker. While the worker
+ * stands still its messages wait, up to the queue's 4096; ticks beyond these are lost.
  */
 #ifndef FRAME_WORKER_H
 #define FRAME_WORKER_H

@@ -5,7 +5,8 @@
  * exceed check raises the alarm, on the caller's thread; the worker probes raised alarms every
  * 5000 ms, sends a raised one again every 120 probes, clears it when used falls below total and
  * tells the services registered for the table (event 2). Alarm types have the numbers of the count
- * hooks. Threads: any, concurrently; hooks and alarm services are called with no lock held.
+ * hooks. Threads: any, concurrently; hooks and alarm services are called with no lock of the alarms'
+ * own held (l2rsm_registry.h says which other may be).
  */
 #ifndef L2RSM_ALARMS_H
 #define L2RSM_ALARMS_H

@@ -6,7 +6,23 @@
  *            black box, component registration, alarm descriptions, arbitration tables;
  *   phase 2  starts the worker task "QOR_L2RSM" (periodic release of waiters, alarm probe);
  *   phase 3  re-applies the reserved hot-patch hooks.
- * Phase 1 must have returned before any client calls an operation. There is no shut-down.
+ * Phase 1 must have returned before any client calls an operation. What ran before is not checked:
+ * a process asks for phases 1 and 2 once, or again when one failed.
+ *
+ * There is no shut-down:
+ *   dlclose    leaves the module where it is, worker and all; a later dlopen finds it as it was.
+ *   exit       (or the return from main) stops nothing. The module has no exit handlers and no
+ *              destructors: until the process is gone its worker calls back and its operations may
+ *              be called, also while those of others run. A callback, hook or service must not use
+ *              what they take away.
+ *   fork       In the child only the forking thread lives on: no worker, no timers, and mutexes that
+ *              another thread held stay locked. After phase 1 the child must not call the module; it
+ *              may exec or _exit.
+ *   signals    No operation of the module may be called from a signal handler. One may
+ *              run on the module's threads: the wait that it interrupts is repeated.
+ *
+ * Periods are counted in ticks that the worker has handled. A worker kept from its work, by a callback
+ * or by the machine, is late by as much, and then handles what was posted meanwhile at once.
  */
 #ifndef L2RSM_ENTRY_H
 #define L2RSM_ENTRY_H

@@ -12,6 +12,14 @@
  *                                  may get and free tokens, but must not wait for another thread
  *                                  that does;
  *   event 2                        the worker task, no lock of the module held.
+ * What a callback on the third tick does through the module runs under that mutex as well: callbacks
+ * of the tokens it frees, hooks, log and alarm services. Whatever may be reached this way must not
+ * wait for another thread that uses the module either.
+ *
+ * Foreign code, that is callbacks, hooks and the services of l2rsm_services.h, stays loaded for the
+ * life of the process and returns to the module: an exception, a longjmp, a pthread_exit or a
+ * cancellation that passes through would leave its mutexes locked and requests half handled. A thread
+ * that may be cancelled disables that before it calls the module.
  */
 #ifndef L2RSM_REGISTRY_H
 #define L2RSM_REGISTRY_H

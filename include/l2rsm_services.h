@@ -5,6 +5,9 @@
  * its address for ever. Position 0 and the positions named `reserved` are never called. Every
  * operation may be called from several threads at once. A missing table or operation is tolerated
  * everywhere except in the memory manager's.
+ *
+ * The operations keep the rules of foreign code in l2rsm_registry.h. Those of the debug log, the
+ * black box, the log service and the time service may be called with the ICIB waiters' mutex held.
  */
 #ifndef L2RSM_SERVICES_H
 #define L2RSM_SERVICES_H
