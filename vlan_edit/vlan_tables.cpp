@@ -169,15 +169,16 @@ VlanSharing VlanFindSharing(const VlanDirection *direction, const VlanEditMappin
 void VlanClear(const VlanDirection *direction, u32 mappingId, const VlanEditMapping *key,
                u32 commandShared, u32 profileShared)
 {
-    if (mappingId < L2RES_VLAN_MAPPING_COUNT) {
-        direction->mappings[mappingId] = {.profileId = 0, .tagFormat = 0, .commandId = 0};
-    }
     if (profileShared == 0 && key->profileId < L2RES_VLAN_PROFILE_COUNT) {
         direction->profiles[key->profileId] = 0;
     }
     if (commandShared == 0 && key->commandId < L2RES_VLAN_COMMAND_COUNT) {
         (void)memset_s(&direction->commands[key->commandId], sizeof(VlanEditCommand), 0,
                        sizeof(VlanEditCommand));
+    }
+    /* Last: the key may be this very entry. */
+    if (mappingId < L2RES_VLAN_MAPPING_COUNT) {
+        direction->mappings[mappingId] = {};
     }
 }
 
