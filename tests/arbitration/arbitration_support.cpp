@@ -10,6 +10,7 @@
 
 #include "faults/consistency.h"
 #include "frame/dbg_log.h"
+#include "qor_thread_safety.h"
 #include "support/faults.h"
 #include "support/services.h"
 

@@ -1,11 +1,11 @@
 /*
- * Names for clang's thread-safety analysis: which mutex guards what, who must hold it. Compiled
- * away elsewhere.
+ * Names for clang's thread-safety analysis: which mutex guards what, who must hold it. Compiled away
+ * by other compilers, and with QOR_PLAIN_MUTEX: a platform whose ZIR_Mutex is no capability.
  */
 #ifndef QOR_THREAD_SAFETY_H
 #define QOR_THREAD_SAFETY_H
 
-#if defined(__clang__)
+#if defined(__clang__) && !defined(QOR_PLAIN_MUTEX)
 #define QOR_TSA(x) __attribute__((x))
 #else
 #define QOR_TSA(x)
