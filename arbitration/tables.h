@@ -43,6 +43,7 @@
 #include "frame/dbg_log.h"
 #include "hash_table.h"
 #include "l2rsm_arbitration.h"
+#include "qor_thread_safety.h"
 #include "zir_mutex.h"
 
 constexpr u32 kBucketCount = 1024;
