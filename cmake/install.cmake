@@ -22,7 +22,7 @@ install(TARGETS qor_l2rsm qor_platform qor_l2rsm_headers EXPORT qor_l2rsm
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${headers})
 target_include_directories(qor_platform INTERFACE $<INSTALL_INTERFACE:${platform_headers}>)
-install(TARGETS l2rsm-host)
+install(TARGETS l2rsm-host platform-check)
 
 # The platform's headers stand apart: a host with a platform of its own must not meet them.
 install(DIRECTORY include/ DESTINATION ${headers} FILES_MATCHING PATTERN *.h)
@@ -51,7 +51,8 @@ endforeach()
 # ---- to read ----
 
 install(FILES docs/l2rsm-host.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES docs/host.md docs/install.md docs/recording.md DESTINATION ${documents})
+install(FILES docs/host.md docs/install.md docs/platform.md docs/recording.md
+        DESTINATION ${documents})
 install(DIRECTORY scenarios examples DESTINATION ${documents}
         PATTERN build EXCLUDE PATTERN *.so EXCLUDE)
 
