@@ -9,24 +9,26 @@ set(documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/qor-l2rsm)
 
 # ---- programs and libraries ----
 
-# No versions in the file names: devices load the module, and patches name it, by its plain one.
-file(RELATIVE_PATH libraries_from_bin ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-set_target_properties(l2rsm-host PROPERTIES INSTALL_RPATH "$ORIGIN/${libraries_from_bin}")
-
 # All that a client component needs: it gets the module's operations in a table.
 add_library(qor_l2rsm_headers INTERFACE)
 target_include_directories(qor_l2rsm_headers INTERFACE $<INSTALL_INTERFACE:${headers}>)
 set_target_properties(qor_l2rsm_headers PROPERTIES EXPORT_NAME headers)
 
-install(TARGETS qor_l2rsm qor_platform qor_l2rsm_headers EXPORT qor_l2rsm
+# No versions in the file names: devices load the module, and patches name it, by its plain one.
+install(TARGETS qor_l2rsm qor_l2rsm_headers EXPORT qor_l2rsm
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${headers})
-target_include_directories(qor_platform INTERFACE $<INSTALL_INTERFACE:${platform_headers}>)
-install(TARGETS l2rsm-host platform-check)
-
-# The platform's headers stand apart: a host with a platform of its own must not meet them.
 install(DIRECTORY include/ DESTINATION ${headers} FILES_MATCHING PATTERN *.h)
-install(DIRECTORY platform/include/ DESTINATION ${platform_headers} FILES_MATCHING PATTERN *.h)
+install(TARGETS platform-check)
+if(L2RSM_PLATFORM STREQUAL bundled)
+    file(RELATIVE_PATH libraries_from_bin ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(l2rsm-host PROPERTIES INSTALL_RPATH "$ORIGIN/${libraries_from_bin}")
+    install(TARGETS qor_platform EXPORT qor_l2rsm LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(TARGETS l2rsm-host)
+    # The platform's headers stand apart: a host with a platform of its own must not meet them.
+    target_include_directories(qor_platform INTERFACE $<INSTALL_INTERFACE:${platform_headers}>)
+    install(DIRECTORY platform/include/ DESTINATION ${platform_headers} FILES_MATCHING PATTERN *.h)
+endif()
 
 # ---- for other builds ----
 
@@ -42,7 +44,11 @@ install(FILES ${CMAKE_BINARY_DIR}/cmake/qor_l2rsmConfig.cmake
 # Relative to the file, so that it holds wherever the tree is installed or moved.
 file(RELATIVE_PATH prefix_from_pc ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
-foreach(name qor-l2rsm qor-platform)
+set(names qor-l2rsm)
+if(L2RSM_PLATFORM STREQUAL bundled)
+    list(APPEND names qor-platform)
+endif()
+foreach(name ${names})
     configure_file(cmake/${name}.pc.in ${CMAKE_BINARY_DIR}/cmake/${name}.pc @ONLY)
     install(FILES ${CMAKE_BINARY_DIR}/cmake/${name}.pc
             DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

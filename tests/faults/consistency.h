@@ -29,8 +29,13 @@ struct Census {
 };
 
 /* Looks at what stands behind the key of each node; false: malformed. */
-template <class Look> bool EachNode(const Side &side, HASH_Handle table, const Look &look)
+template <class Look>
+bool EachNode(const Side &side, HASH_Handle table, ZIR_Mutex *mutex, const Look &look)
 {
+    if (table == nullptr) {
+        return true;
+    }
+    const Hold hold(mutex);
     for (auto *element = HASH_GetFirstNode(table); element != nullptr;
          element = HASH_GetNextNode(table)) {
         if (HASH_FindElmtFromFirst(table, element->node) != element->node ||
@@ -47,14 +52,14 @@ inline std::string SideProblem(int which, Census *census)
     const auto wellFormed = [&side](const L2ResOpRecord &record) {
         return record.Op <= L2RES_OP_DELETE && record.Used <= (side.icib ? 1u : 0u);
     };
-    if (!EachNode(side, *side.opHash, [&](const void *record) {
+    if (!EachNode(side, *side.opHash, side.opMutex, [&](const void *record) {
             ++census->records[which];
             return wellFormed(*static_cast<const L2ResOpRecord *>(record));
         })) {
         return "an op record is malformed or not found under its own key";
     }
     std::set<const void *> copies;
-    if (!EachNode(side, *side.waitHash, [&](const void *behind) {
+    if (!EachNode(side, *side.waitHash, side.waitMutex, [&](const void *behind) {
             const auto &list = *static_cast<const L2ResWaitList *>(behind);
             bool good = list.reOpNum <= L2RES_WAITERS_MAX && list.claimed == 0 &&
                         list.walkCountdown <= (side.icib ? 3 : 0) && list.walkCountdown >= 0;

@@ -1,61 +1,31 @@
-// The module built for a device, loaded into a process that brings the platform.
+// The module built for a device, loaded into a process that brings the platform: the plain one.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <link.h>
 
 #include <semaphore>
 
 #include "comp_registry.h"
 #include "l2rsm_component.h"
+#include "l2rsm_entry.h"
 #include "l2rsm_services.h"
-#include "zir_timer.h"
+#include "zir_mutex.h"
 
 namespace {
 
-u32 g_handleResult = 0;
-std::string g_handleName;
+u32 g_partitionResult = 0;
 
-} // namespace
-
-/* This process's own; the rest of the platform is the bundled one. */
-extern "C" QOR_API u32 ZIR_HandleInitialize(const char *name, u32 *handle)
+u32 CreateInstance(void *, u32 interfaceId, void **out)
 {
-    g_handleName = name;
-    static const auto next =
-        reinterpret_cast<u32 (*)(const char *, u32 *)>(dlsym(RTLD_NEXT, "ZIR_HandleInitialize"));
-    return g_handleResult != 0 ? g_handleResult : next(name, handle);
+    static L2ResMemmVtbl operations = {};
+    static L2ResMemmVtbl *object = &operations;
+    operations.initPartition = [](u32, const char *) { return g_partitionResult; };
+    operations.getPartitionNumber = [](u32, const char *) { return 7u; };
+    *out = &object;
+    return interfaceId == L2RES_IID_MEMORY_MANAGER ? QOR_OK : QOR_FAIL;
 }
 
-namespace {
-
-TEST(ExternalModule, IsServedByTheProcessItIsLoadedInto)
-{
-    void *module = dlopen(EXTERNAL_MODULE, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(module, nullptr) << dlerror();
-    const auto init = reinterpret_cast<u32 (*)(u32, u32, u32)>(dlsym(module, "QorL2ResInit"));
-    ASSERT_NE(init, nullptr) << dlerror();
-    g_handleResult = 77;
-    EXPECT_EQ(init(0, 0, 1), 77u);
-    EXPECT_EQ(g_handleName, "l2rsm");
-    g_handleResult = 0;
-    EXPECT_EQ(init(0, 0, 1), 1u) << "there is no memory manager to be found";
-    EXPECT_EQ(init(0, 0, 3), 0u);
-}
-
-// The least of component 1000 that phase 1 needs: a memory manager.
-u32 Partition(u32, const char *name)
-{
-    return name == nullptr;
-}
-
-u32 FindMemoryManager(void *, u32 interfaceId, void **out)
-{
-    static const L2ResMemmVtbl manager = {{}, Partition, Partition};
-    static const void *object = &manager;
-    *out = interfaceId == L2RES_IID_MEMORY_MANAGER ? &object : nullptr;
-    return *out == nullptr;
-}
-
-std::counting_semaphore<> g_notified{0};
+std::binary_semaphore g_notified{0};
 
 u32 Notify(u32, void *, void *)
 {
@@ -63,30 +33,41 @@ u32 Notify(u32, void *, void *)
     return 0;
 }
 
-TEST(ExternalModule, GoesOnWhenItsLoaderClosesIt)
+TEST(ExternalModule, IsServedByTheProcessItIsLoadedInto)
 {
-    const QorFactoryVtbl vtbl = {nullptr, FindMemoryManager};
-    QorFactory factory = {&vtbl};
-    const QorComponentInfo services = {L2RES_SERVICE_COMPONENT, "TEST", "TEST", 1, &factory};
-    ASSERT_EQ(COMP_RegisterComponentInfo(&services), 0u);
-    ZIR_TimerSetSpeed(100);
     void *module = dlopen(EXTERNAL_MODULE, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(module, nullptr) << dlerror();
-    const auto init = reinterpret_cast<u32 (*)(u32, u32, u32)>(dlsym(module, "QorL2ResInit"));
-    ASSERT_EQ(init(0, 0, 1), 0u);
-    ASSERT_EQ(init(0, 0, 2), 0u);
+    for (const char *name : {"g_icibOpRecordMutex", "g_icibReOpRecordMutex", "g_ipatOpRecordMutex",
+                             "g_ipatReOpRecordMutex"}) {
+        Dl_info info;
+        void *symbol = nullptr;
+        ASSERT_NE(dladdr1(dlsym(module, name), &info, &symbol, RTLD_DL_SYMENT), 0);
+        EXPECT_EQ(static_cast<ElfW(Sym) *>(symbol)->st_size, sizeof(ZIR_Mutex)) << name;
+    }
+    static const QorFactoryVtbl vtbl = {nullptr, CreateInstance};
+    static QorFactory factory = {&vtbl};
+    static const QorComponentInfo info = {L2RES_SERVICE_COMPONENT, "S", "S", 1, &factory};
+    ASSERT_EQ(COMP_RegisterComponentInfo(&info), 0u);
+    const auto init = reinterpret_cast<decltype(&QorL2ResInit)>(dlsym(module, "QorL2ResInit"));
+    ASSERT_NE(init, nullptr) << dlerror();
+    g_partitionResult = 77;
+    EXPECT_EQ(init(0, 0, L2RES_PHASE_INIT), 77u);
+    g_partitionResult = 0;
+    for (const u32 phase : {L2RES_PHASE_INIT, L2RES_PHASE_START, L2RES_PHASE_PATCH}) {
+        EXPECT_EQ(init(0, 0, phase), 0u);
+    }
     void *table = nullptr;
-    ASSERT_EQ(COMP_GetVTable(L2RES_COMPONENT_ID, L2RES_IID_FUNCTIONS, &table), 0u);
+    EXPECT_EQ(COMP_GetVTable(L2RES_COMPONENT_ID, L2RES_IID_FUNCTIONS, &table), 0u);
+    EXPECT_EQ(table, dlsym(module, "g_l2RsmFunVtbl"));
 
+    // It goes on when its loader closes it: worker and timers run in it.
     EXPECT_EQ(dlclose(module), 0);
     const auto &functions = *static_cast<const L2RsmFunVtbl *>(table);
     EXPECT_EQ(functions.icibRegister(4, Notify), 0u);
     const L2ResIcibKey key = {};
     L2ResTokenReq request = {1, 4, &key, 0, nullptr};
-    for (int i = 0; i < 3; ++i) { // each waits for an entry that nobody frees
-        EXPECT_EQ(functions.getIcibToken(4, L2RES_OP_UPDATE, &request), 3u);
-        EXPECT_TRUE(g_notified.try_acquire_for(std::chrono::minutes(1))) << "by the third tick";
-    }
+    EXPECT_EQ(functions.getIcibToken(4, L2RES_OP_UPDATE, &request), 3u);
+    EXPECT_TRUE(g_notified.try_acquire_for(std::chrono::minutes(1))) << "by the third tick";
 }
 
 } // namespace

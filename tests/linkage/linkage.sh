@@ -2,6 +2,11 @@
 # What the built module looks like to the loader, and the headers to a C compiler.
 #   linkage.sh module LIBRARY EXPORTS NEEDED...   exports are exactly those listed, dependencies too
 #   linkage.sh headers CC ROOT                    each C header of the tree compiles alone as C11
+#   linkage.sh page PAGE MODULE SOURCE_DIR CHECK PLATFORM
+#                                                 the page has the calls and headers that the module
+#                                                 asks for and what the check checks, and no other
+#   linkage.sh external SOURCE_DIR WORK INCLUDE   the module is built for the platform with those
+#                                                 headers, by either compiler, and for no part of one
 set -uo pipefail
 export LC_ALL=C
 failed=0
@@ -42,6 +47,44 @@ headers)
         same "errors as 32-bit code" 1 "$(grep -c '64-bit' <<<"$errors")"
         same "lines of these" 1 "$(wc -l <<<"$errors")"
     fi
+    ;;
+page)
+    page=$2 module=$3 source=$4
+    # Of a table under a heading, the names in backticks of the first column.
+    names() { awk -v head="## $1" '/^## / {on = $0 == head} on && /^\| `/' "$page" |
+        cut -d'|' -f2 | grep -oE '`[^`]+`' | tr -d '`' | sort -u; }
+    same calls "$(names Calls)" \
+        "$(nm -D --undefined-only "$module" | awk '$1 == "U" && $2 !~ /@/ {print $2}' | sort)"
+    same headers "$(names Headers)" \
+        "$(cd "$source" && grep -rhoE '#include "[a-z_]+\.h"' frame registry arbitration alarms vlan_edit |
+            cut -d'"' -f2 | sort -u | while read -r header; do
+            [[ -e platform/include/$header ]] && echo "$header"
+        done)"
+    same requirements "$(names 'What the check finds')" "$("$5" "$6" | cut -c9- | sort)"
+    ;;
+external)
+    source=$2 work=$3 include=$4
+    rm -rf "$work"
+    configure() { # build directory, arguments
+        cmake -G Ninja -S "$source" -B "$work/$1" -DL2RSM_PLATFORM=external -DL2RSM_WERROR=ON "${@:2}" 2>&1
+    }
+    refused() { # header, arguments
+        local said
+        said=$(configure refused "${@:2}") && echo "taken: ${*:2}" && failed=1
+        tr -s ' \n' ' ' <<<"$said" | grep -q "needs -DL2RSM_PLATFORM_INCLUDE=DIR.*no $1 in" ||
+            { echo "$said" && failed=1; }
+    }
+    refused bounded.h
+    cp -r "$include" "$work/partial"
+    rm "$work/partial/zir_mutex.h"
+    refused zir_mutex.h -DL2RSM_PLATFORM_INCLUDE="$work/partial"
+    for compiler in g++ clang++; do
+        configure $compiler -DCMAKE_CXX_COMPILER=$compiler -DCMAKE_BUILD_TYPE=Release \
+            -DL2RSM_PLATFORM_INCLUDE="$include" && cmake --build "$work/$compiler" &&
+            cmake --install "$work/$compiler" --prefix "$work/prefix" >/dev/null || failed=1
+    done
+    same installed "bin/platform-check include/qor-l2rsm lib/libqor_l2rsm.so" \
+        "$(cd "$work/prefix" && echo bin/* include/* lib/*.so)"
     ;;
 *)
     echo "usage: see the head of $0"

@@ -12,6 +12,7 @@
 #include "arbitration/ipat.h"
 #include "frame/memory.h"
 #include "l2rsm_registry.h"
+#include "qor_thread_safety.h"
 
 /* A key of either table. Keys of one bucket differ in `other` only. */
 struct Key {
@@ -27,6 +28,24 @@ inline Key MakeKey(u16 bucket = 100, u32 other = 5)
     key.ipat = {other, bucket};
     return key;
 }
+
+/* A table's mutex, held as the module holds it around every call on the table. */
+class Hold {
+public:
+    explicit Hold(ZIR_Mutex *mutex) QOR_NO_THREAD_SAFETY : mutex_(mutex)
+    {
+        ZIR_MutexLock(mutex_);
+    }
+    ~Hold() QOR_NO_THREAD_SAFETY
+    {
+        ZIR_MutexUnlock(mutex_);
+    }
+    Hold(const Hold &) = delete;
+    Hold &operator=(const Hold &) = delete;
+
+private:
+    ZIR_Mutex *mutex_;
+};
 
 struct Ask {
     u32 srv;
@@ -85,10 +104,12 @@ struct Side {
     /* What is stored, read without a message; null when there is nothing. */
     const L2ResOpRecord *Record(const Key &key = MakeKey()) const
     {
+        const Hold hold(opMutex);
         return static_cast<const L2ResOpRecord *>(Behind(HASH_FindElmtFromFirst(*opHash, Of(key))));
     }
     L2ResWaitList *Waiting(const Key &key = MakeKey()) const
     {
+        const Hold hold(waitMutex);
         return static_cast<L2ResWaitList *>(Behind(HASH_FindElmtFromFirst(*waitHash, Of(key))));
     }
     unsigned WaitingCount(const Key &key = MakeKey()) const
