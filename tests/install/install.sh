@@ -60,6 +60,7 @@ linked() {
     flags=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs qor-platform)
     # shellcheck disable=SC2086
     cc -o by-pkg-config "$here/linked/linked.c" $flags -Wl,-rpath,"$prefix/lib"
+    "$prefix/bin/platform-check" "$prefix/lib/libqor_platform.so"
     # Without a memory manager phase 1 ends before the component is registered.
     for program in ./linked ./by-pkg-config; do
         same "$program" "phase 1: 1, phase 3: 0, table: 1" "$("$program")"
