@@ -416,9 +416,10 @@ void Insertions()
 
 // A destination of 8 bytes with as many behind it that nobody may touch.
 struct Room {
-    void Check(const char *name) const
+    void Check(const char *name, bool isText = true) const
     {
         Need(memcmp(bytes + 8, "........", 8) == 0, "%s writes beyond the destination", name);
+        Need(!isText || memchr(bytes, 0, 8) != nullptr, "%s leaves a text without an end", name);
     }
     char bytes[17] = "................";
 };
@@ -429,13 +430,15 @@ void Copies()
     const int copied = p.memcpy_s(room.bytes, 8, "12345678", 8);
     Need(copied == 0 && memcmp(room.bytes, "12345678", 8) == 0, "memcpy_s does not copy");
     const int tooMany = p.memcpy_s(room.bytes, 8, "123456789ABC", 12);
-    room.Check("memcpy_s");
+    room.Check("memcpy_s", false);
     Need(tooMany != 0, "memcpy_s: 12 bytes into 8 are a success");
+    room = {};
     Need(p.memcpy_s(room.bytes, 8, nullptr, 4) != 0, "memcpy_s: a null source is a success");
+    Need(memcmp(room.bytes, "\0\0\0\0", 4) == 0, "memcpy_s: a null source leaves what was there");
     const int set = p.memset_s(room.bytes, 8, 0, 8);
     Need(set == 0 && memcmp(room.bytes, "\0\0\0\0\0\0\0", 8) == 0, "memset_s does not set");
     const int setTooMany = p.memset_s(room.bytes, 8, 1, 12);
-    room.Check("memset_s");
+    room.Check("memset_s", false);
     Need(setTooMany != 0, "memset_s: 12 bytes in 8 are a success");
 }
 
