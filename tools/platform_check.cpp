@@ -158,18 +158,19 @@ struct Mutex {
 void Exclusion()
 {
     Mutex mutex;
-    volatile int count = 0;
-    const auto add = [&] {
-        for (int i = 0; i < 200000; ++i) {
+    std::atomic<int> inside{0};
+    const auto enter = [&] {
+        for (int i = 0; i < 300; ++i) {
             mutex.lock();
-            count = count + 1;
+            Need(inside++ == 0, "two threads are inside at once");
+            std::this_thread::sleep_for(10us); // the other one runs, and tries
+            --inside;
             mutex.unlock();
         }
     };
-    std::thread other(add);
-    add();
+    std::thread other(enter);
+    enter();
     other.join();
-    Need(count == 400000, "%d of 400000 steps of two threads were lost", 400000 - count);
 }
 
 void Recursion()
