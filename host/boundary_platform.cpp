@@ -8,7 +8,6 @@
 #include "boundary.h"
 #include "bounded.h"
 #include "comp_registry.h"
-#include "hash_table.h"
 #include "qor_epoll.h"
 #include "zir_timer.h"
 
@@ -23,8 +22,6 @@ static void start(Crossings &crossings, Mode mode)
 {
     s_crossings = &crossings;
     s_mode = mode;
-    // A replay has one thread for all that were recorded: a walk's order must not hang on them.
-    HASH_ShareNodes();
 }
 
 void record(Crossings &crossings)

@@ -1,13 +1,14 @@
 /*
  * Hash tables of fixed-size nodes in a memory partition.
  *
- * A node is a buffer of nodeSize bytes that begins with its key. It never moves while it is in the
- * table. It remembers one iteration position, which tolerates the removal of any node, the current
- * one included, and insertions.
+ * A node is a buffer of nodeSize bytes that begins with its key. It is aligned to 8 bytes and never
+ * moves while it is in the table.
  *
- * Threads: the table takes no lock. Searches and removals may run at any time, beside each other and
- * beside all but an iteration, HASH_GetStat and HASH_DeleteHash. Of the other calls one runs at a
- * time. In any case no two calls at a time may concern keys of the same bucket.
+ * Threads: a table takes no lock; its users lock around every call, so that one at a time runs, on
+ * whatever thread. Different tables are independent. The table's functions call nothing but its hash
+ * and compare functions, which must not call them, and the memory partition.
+ *
+ * Memory: a table grows by 64 nodes at a time, and keeps their memory until it is deleted.
  */
 #ifndef HASH_TABLE_H
 #define HASH_TABLE_H
@@ -47,29 +48,31 @@ QOR_API void HASH_FreeData(HASH_Handle table, void *data);
 
 /*
  * Inserts a buffer of HASH_NewData under `key` (its own first bytes). 0, or 1: null argument, hash
- * beyond the bucket count, no memory; the buffer then stays the caller's.
+ * beyond the bucket count, no memory; the buffer then stays the caller's. 1 also for one that is in the
+ * table already or was given back.
  */
 QOR_API u32 HASH_AddNode(HASH_Handle table, const void *key, void *data, u32 option);
 
 /* The node with that key, or null. */
 QOR_API void *HASH_FindElmtFromFirst(HASH_Handle table, const void *key);
 
-/* Removes the node with that key and gives its buffer back. 0, or 1 when there is none. */
+/*
+ * Removes the node with that key, which may be the key in the node itself, and gives its buffer back.
+ * 0, or 1 when there is none.
+ */
 QOR_API u32 HASH_RemoveElmtByKey(HASH_Handle table, const void *key);
 
 /*
- * Iterate over all nodes, in no particular order; null at the end. Nodes inserted during an
- * iteration may or may not be met; every other node is met exactly once. The order hangs on the calls
- * made so far and, unless HASH_ShareNodes was called, on which threads made them.
+ * Iterate over all nodes; null at the end, and from there on until an iteration begins again.
+ *
+ * The table remembers one position, for all its users. It tolerates whatever happens to the table
+ * between two steps, on any thread: the removal of any node, the current one included, and insertions.
+ * Nodes inserted meanwhile may or may not be met; every other node that is not removed is met exactly
+ * once. The order hangs on the calls made so far alone. A table that was large is passed quickly: 64
+ * places of removed nodes a time.
  */
 QOR_API HASH_Element *HASH_GetFirstNode(HASH_Handle table);
 QOR_API HASH_Element *HASH_GetNextNode(HASH_Handle table);
-
-/*
- * Threads that have not used a table before share the nodes that are given back from now on; else
- * each keeps its own at hand, which is faster. For replays of what several threads did.
- */
-QOR_API void HASH_ShareNodes(void);
 
 /* Deletes the table with all its nodes and sets *table to null. */
 QOR_API void HASH_DeleteHash(HASH_Handle *table);
