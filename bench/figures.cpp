@@ -129,6 +129,9 @@ std::vector<Row> Rows(const Figures &f)
                    {"std::mutex + unordered_map", f(group + "/std")},
                    {{"GLib", f(group + "/glib")},
                     {"TBB", f(group + "/tbb")},
+                    {"absl::flat_hash_map", f(group + "/absl")},
+                    {"boost::unordered_flat_map", f(group + "/boost")},
+                    {"liburcu, no lock", f(group + "/urcu")},
                     {"unordered_map, hash written for the key", f(group + "/stdown")}},
                    Bound::timesPeer,
                    1.0,
@@ -165,6 +168,17 @@ std::vector<Row> Rows(const Figures &f)
                    0.5};
     };
 
+    const auto large = [&f](const char *title, const std::string &group) {
+        return Row{title,
+                   "ns",
+                   f(group + "/module"),
+                   {"mimalloc", f(group + "/mimalloc")},
+                   {{"malloc + free", f(group + "/malloc")}},
+                   Bound::timesPeer,
+                   2.0,
+                   1.0};
+    };
+
     std::vector<Row> rows = {find("find, 1,000 entries over the buckets", "find/1000"),
                              find("find, 65,536 entries over the buckets", "find/65536")};
     for (const Row &row : bucket("find, 16,384 entries in one bucket", "bucket")) {
@@ -190,6 +204,14 @@ std::vector<Row> Rows(const Figures &f)
          Bound::timesPeer,
          1.25,
          0.6},
+        {"- log off, 1 M entries held against 1,000",
+         "times",
+         Quotient(f("many/held"), f("few/held")),
+         {},
+         {},
+         Bound::figure,
+         3.0,
+         2.0},
         line("log line of 6 numbers", "log/6"),
         line("log line of 11 numbers", "log/11"),
         {"message at a level not written", "ns", f("log/none/level"), {}, {}, Bound::figure, 7, 1},
@@ -286,13 +308,15 @@ std::vector<Row> Rows(const Figures &f)
          Bound::timesPeer,
          1.0,
          Quotient(4.0, f("block/malloc")).value_or(NAN)},
+        large("3,000-byte block, get + give back, 64 live", "large/64"),
+        large("3,000-byte block, get + give back, 1,000 live", "large/1000"),
         {"memory per held entry above its node, 65,536",
          "bytes",
          f("memory/65536/module"),
          {"unordered_map", f("memory/65536/std")},
          {},
          Bound::figure,
-         57,
+         22,
          16},
         {"memory per held entry above its node, 1,000",
          "bytes",
@@ -456,7 +480,8 @@ void PrintTable(const Figures &figures, const std::string &directory)
     }
     std::ofstream table(directory + "/table.md");
     PrintRows(rows, table, "| ", false);
-    WriteCurve(figures, directory, "find", {"module", "std", "glib", "tbb", "stdown"});
+    WriteCurve(figures, directory, "find",
+               {"module", "std", "glib", "tbb", "stdown", "absl", "boost", "urcu"});
     WriteCurve(figures, directory, "bucket", {"module", "list"});
     WriteCurve(figures, directory, "inner", {"module", "list"});
     WriteCurve(figures, directory, "tokens",

@@ -1,4 +1,6 @@
-/* A block of a waiting entry's size, taken and given back. */
+/* Blocks of a waiting entry's size, and of a large request's data, taken and given back. */
+#include <dlfcn.h>
+
 #include <cstdlib>
 
 #include "bench.h"
@@ -44,12 +46,78 @@ void Malloc(benchmark::State &state)
     Expect(state, "blocks taken", taken, state.iterations());
 }
 
+/* ---- Many large blocks ---- */
+
+constexpr size_t kLarge = 3000;
+
+struct Allocator {
+    const char *name;
+    void *(*take)(size_t);
+    void (*give)(void *);
+};
+
+constexpr Allocator kModule = {
+    "module",
+    [](size_t size) { return ZIR_MemAlloc(g_qorL2ResMemHandle, g_qorL2ResMemPtNo, size); },
+    [](void *block) { (void)ZIR_MemFree(g_qorL2ResMemHandle, block); }};
+
+/* That many are live all the time; the one that has been so longest makes room for the next. */
+void Rotate(benchmark::State &state, const Allocator &allocator, u32 live)
+{
+    (void)Module();
+    const u64 before = LiveBlocks();
+    std::vector<void *> blocks(live);
+    for (void *&block : blocks) {
+        block = allocator.take(kLarge);
+    }
+    u64 taken = 0;
+    u32 next = 0;
+    for (auto _ : state) {
+        allocator.give(blocks[next]);
+        void *block = allocator.take(kLarge);
+        benchmark::DoNotOptimize(block);
+        taken += block != nullptr;
+        blocks[next] = block;
+        next = next + 1 == live ? 0 : next + 1;
+    }
+    for (void *block : blocks) {
+        allocator.give(block);
+    }
+    Expect(state, "blocks taken", taken, state.iterations());
+    Expect(state, "live blocks", LiveBlocks(), before);
+}
+
+void AddRotate(const Allocator &allocator)
+{
+    for (const u32 live : {64u, 1000u}) {
+        Add("large/" + std::to_string(live) + "/" + allocator.name,
+            [=](benchmark::State &state) { Rotate(state, allocator, live); });
+    }
+}
+
+#ifdef BENCH_MIMALLOC
+/* Linked, it would take the place of malloc for all. */
+void AddMimalloc()
+{
+    void *library = dlopen(BENCH_MIMALLOC, RTLD_NOW | RTLD_LOCAL);
+    if (library != nullptr) {
+        AddRotate({"mimalloc", reinterpret_cast<void *(*)(size_t)>(dlsym(library, "mi_malloc")),
+                   reinterpret_cast<void (*)(void *)>(dlsym(library, "mi_free"))});
+    }
+}
+#endif
+
 } // namespace
 
 void AddMemory()
 {
     Add("block/module", Partition);
     Add("block/malloc", Malloc);
+    AddRotate(kModule);
+    AddRotate({"malloc", malloc, free});
+#ifdef BENCH_MIMALLOC
+    AddMimalloc();
+#endif
 }
 
 } // namespace bench

@@ -14,11 +14,21 @@
 #include "frame/memory.h"
 #include "hash_table.h"
 
+#ifdef BENCH_ABSL
+#include <absl/container/flat_hash_map.h>
+#endif
+#ifdef BENCH_BOOST
+#include <boost/unordered/unordered_flat_map.hpp>
+#endif
 #ifdef BENCH_GLIB
 #include <glib.h>
 #endif
 #ifdef BENCH_TBB
 #include <tbb/concurrent_hash_map.h>
+#endif
+#ifdef BENCH_URCU
+#include <urcu.h>
+#include <urcu/rculfhash.h>
 #endif
 
 namespace bench {
@@ -116,7 +126,8 @@ private:
     HASH_Handle table_;
 };
 
-template <class Hash> class StdTableWith {
+/* Any map with the standard library's interface. */
+template <class Map> class MapTable {
 public:
     void Insert(const L2ResIcibKey &key, const L2ResOpRecord &record)
     {
@@ -143,10 +154,18 @@ public:
 
 private:
     std::mutex mutex_;
-    std::unordered_map<L2ResIcibKey, L2ResOpRecord, Hash, KeyEqual> map_;
+    Map map_;
 };
-using StdTable = StdTableWith<KeyHash>;
-using StdTableOwnHash = StdTableWith<HandWrittenHash>;
+using StdTable = MapTable<std::unordered_map<L2ResIcibKey, L2ResOpRecord, KeyHash, KeyEqual>>;
+using StdTableOwnHash =
+    MapTable<std::unordered_map<L2ResIcibKey, L2ResOpRecord, HandWrittenHash, KeyEqual>>;
+#ifdef BENCH_ABSL
+using AbslTable = MapTable<absl::flat_hash_map<L2ResIcibKey, L2ResOpRecord, KeyHash, KeyEqual>>;
+#endif
+#ifdef BENCH_BOOST
+using BoostTable =
+    MapTable<boost::unordered_flat_map<L2ResIcibKey, L2ResOpRecord, KeyHash, KeyEqual>>;
+#endif
 
 /* 1024 buckets of nodes allocated one by one and linked, latest first. */
 class ListTable {
@@ -295,6 +314,58 @@ private:
     };
     using Map = tbb::concurrent_hash_map<L2ResIcibKey, L2ResOpRecord, Compare>;
     Map map_;
+};
+#endif
+
+#ifdef BENCH_URCU
+/* Searched without a lock. Its entries are never removed, and last as long as the process. */
+class UrcuTable {
+public:
+    void Insert(const L2ResIcibKey &key, const L2ResOpRecord &record)
+    {
+        const ReadLock lock;
+        auto *node = new Node{{}, key, record};
+        cds_lfht_add(table_, HashKey(key), &node->link);
+    }
+
+    bool Find(const L2ResIcibKey &key, L2ResOpRecord *record)
+    {
+        const ReadLock lock;
+        cds_lfht_iter found = {};
+        cds_lfht_lookup(table_, HashKey(key), Matches, &key, &found);
+        const auto *node = reinterpret_cast<const Node *>(cds_lfht_iter_get_node(&found));
+        if (node != nullptr) {
+            *record = node->record;
+        }
+        return node != nullptr;
+    }
+
+private:
+    struct Node {
+        cds_lfht_node link;
+        L2ResIcibKey key;
+        L2ResOpRecord record;
+    };
+    struct ReadLock {
+        ReadLock()
+        {
+            static thread_local const bool registered = (rcu_register_thread(), true);
+            benchmark::DoNotOptimize(registered);
+            rcu_read_lock();
+        }
+        ~ReadLock()
+        {
+            rcu_read_unlock();
+        }
+        ReadLock(const ReadLock &) = delete;
+        ReadLock &operator=(const ReadLock &) = delete;
+    };
+    static int Matches(cds_lfht_node *node, const void *key)
+    {
+        return SameKey(reinterpret_cast<const Node *>(node)->key,
+                       *static_cast<const L2ResIcibKey *>(key));
+    }
+    cds_lfht *table_ = cds_lfht_new(1024, 1024, 0, CDS_LFHT_AUTO_RESIZE, nullptr);
 };
 #endif
 

@@ -74,6 +74,15 @@ void AddFindEverywhere(u32 entries)
 #ifdef BENCH_TBB
     AddFind<TbbTable>("find", "tbb", Keys::spread, entries);
 #endif
+#ifdef BENCH_ABSL
+    AddFind<AbslTable>("find", "absl", Keys::spread, entries);
+#endif
+#ifdef BENCH_BOOST
+    AddFind<BoostTable>("find", "boost", Keys::spread, entries);
+#endif
+#ifdef BENCH_URCU
+    AddFind<UrcuTable>("find", "urcu", Keys::spread, entries);
+#endif
 }
 
 void AddFindInBucket(u32 entries)

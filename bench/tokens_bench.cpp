@@ -138,6 +138,40 @@ void Tokens(benchmark::State &state, bool logged)
     }
 }
 
+void HoldTokens(u32 count)
+{
+    for (const u32 index : Shuffled(count)) {
+        const L2ResIcibKey key = KeyAt(Keys::spread, index);
+        L2ResTokenReq req = Request(key, 1'700'000'000'000);
+        (void)Module().getIcibToken(kService, L2RES_OP_ADD, &req);
+    }
+}
+
+/* The same, an entry after the other over all buckets, beside as many held ones. */
+void TokensBesideHeld(benchmark::State &state, u32 held)
+{
+    const L2RsmFunVtbl &module = Module();
+    HASH_Stat stat = {};
+    HASH_GetStat(g_icibOpRecordHash, &stat);
+    if (stat.nodes == 0) {
+        HoldTokens(held);
+    }
+    std::vector<L2ResIcibKey> keys;
+    for (const u32 index : Shuffled(65536)) {
+        keys.push_back(KeyAt(Keys::spread, held + index));
+    }
+    u64 granted = 0;
+    size_t next = 0;
+    for (auto _ : state) {
+        L2ResTokenReq req = Request(keys[next], 1'700'000'000'001);
+        granted += GetAndFree(module, &req) == 0;
+        next = next + 1 == keys.size() ? 0 : next + 1;
+    }
+    Expect(state, "tokens granted and freed", granted, state.iterations());
+    HASH_GetStat(g_icibOpRecordHash, &stat);
+    Expect(state, "entries held", stat.nodes, held);
+}
+
 /* A table under one mutex: looked up and inserted in one hold, erased in another. */
 template <class Table> void TokensOf(benchmark::State &state)
 {
@@ -297,6 +331,10 @@ void AddTokens(bool quick)
         }
     }
     Add("tokens/1/vsnprintf", FormatLines);
+    // A process each: what a million entries leave behind would show beside a thousand.
+    Add("few/held", [](benchmark::State &state) { TokensBesideHeld(state, 1000); });
+    Add("many/held",
+        [=](benchmark::State &state) { TokensBesideHeld(state, quick ? 10'000 : 1'000'000); });
     for (const u32 waiters : {1u, 2u, 4u, 6u, 8u, 10u}) {
         if (!quick || waiters == 10) {
             AddWaiters(waiters);
