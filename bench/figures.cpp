@@ -168,12 +168,17 @@ std::vector<Row> Rows(const Figures &f)
                    0.5};
     };
 
-    const auto large = [&f](const char *title, const std::string &group) {
+    /* A burst's figure is for all its blocks. */
+    const auto large = [&f](const char *title, const std::string &group, double blocks) {
+        const auto each = [&](const char *contender) {
+            const Value all = f(group + contender);
+            return all ? Value(*all / blocks) : all;
+        };
         return Row{title,
                    "ns",
-                   f(group + "/module"),
-                   {"mimalloc", f(group + "/mimalloc")},
-                   {{"malloc + free", f(group + "/malloc")}},
+                   each("/module"),
+                   {"mimalloc", each("/mimalloc")},
+                   {{"malloc + free", each("/malloc")}},
                    Bound::timesPeer,
                    2.0,
                    1.0};
@@ -308,8 +313,10 @@ std::vector<Row> Rows(const Figures &f)
          Bound::timesPeer,
          1.0,
          Quotient(4.0, f("block/malloc")).value_or(NAN)},
-        large("3,000-byte block, get + give back, 64 live", "large/64"),
-        large("3,000-byte block, get + give back, 1,000 live", "large/1000"),
+        large("3,000-byte block, give back + get, 64 live", "large/64", 1),
+        large("3,000-byte block, give back + get, 1,000 live", "large/1000", 1),
+        large("64 3,000-byte blocks got, then given back, each", "burst/64", 64),
+        large("1,000 3,000-byte blocks got, then given back, each", "burst/1000", 1000),
         {"memory per held entry above its node, 65,536",
          "bytes",
          f("memory/65536/module"),

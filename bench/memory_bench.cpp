@@ -61,11 +61,31 @@ constexpr Allocator kModule = {
     [](size_t size) { return ZIR_MemAlloc(g_qorL2ResMemHandle, g_qorL2ResMemPtNo, size); },
     [](void *block) { (void)ZIR_MemFree(g_qorL2ResMemHandle, block); }};
 
-/* That many are live all the time; the one that has been so longest makes room for the next. */
-void Rotate(benchmark::State &state, const Allocator &allocator, u32 live)
+/* That many are taken, as when requests come to wait, and given back in the same order. */
+void TakeAndGive(benchmark::State &state, const Allocator &allocator, u32 live)
 {
     (void)Module();
     const u64 before = LiveBlocks();
+    std::vector<void *> blocks(live);
+    u64 taken = 0;
+    for (auto _ : state) {
+        for (void *&block : blocks) {
+            block = allocator.take(kLarge);
+            benchmark::DoNotOptimize(block);
+            taken += block != nullptr;
+        }
+        for (void *block : blocks) {
+            allocator.give(block);
+        }
+    }
+    Expect(state, "blocks taken", taken, static_cast<u64>(state.iterations()) * live);
+    Expect(state, "live blocks", LiveBlocks(), before);
+}
+
+/* That many stay live; the one that has been so longest goes when one is taken. */
+void Rotate(benchmark::State &state, const Allocator &allocator, u32 live)
+{
+    (void)Module();
     std::vector<void *> blocks(live);
     for (void *&block : blocks) {
         block = allocator.take(kLarge);
@@ -74,24 +94,23 @@ void Rotate(benchmark::State &state, const Allocator &allocator, u32 live)
     u32 next = 0;
     for (auto _ : state) {
         allocator.give(blocks[next]);
-        void *block = allocator.take(kLarge);
-        benchmark::DoNotOptimize(block);
-        taken += block != nullptr;
-        blocks[next] = block;
+        blocks[next] = allocator.take(kLarge);
+        benchmark::DoNotOptimize(blocks[next]);
+        taken += blocks[next] != nullptr;
         next = next + 1 == live ? 0 : next + 1;
     }
     for (void *block : blocks) {
         allocator.give(block);
     }
     Expect(state, "blocks taken", taken, state.iterations());
-    Expect(state, "live blocks", LiveBlocks(), before);
 }
 
-void AddRotate(const Allocator &allocator)
+void AddLarge(const Allocator &allocator)
 {
     for (const u32 live : {64u, 1000u}) {
-        Add("large/" + std::to_string(live) + "/" + allocator.name,
-            [=](benchmark::State &state) { Rotate(state, allocator, live); });
+        const std::string name = std::to_string(live) + "/" + allocator.name;
+        Add("large/" + name, [=](benchmark::State &state) { Rotate(state, allocator, live); });
+        Add("burst/" + name, [=](benchmark::State &state) { TakeAndGive(state, allocator, live); });
     }
 }
 
@@ -101,8 +120,8 @@ void AddMimalloc()
 {
     void *library = dlopen(BENCH_MIMALLOC, RTLD_NOW | RTLD_LOCAL);
     if (library != nullptr) {
-        AddRotate({"mimalloc", reinterpret_cast<void *(*)(size_t)>(dlsym(library, "mi_malloc")),
-                   reinterpret_cast<void (*)(void *)>(dlsym(library, "mi_free"))});
+        AddLarge({"mimalloc", reinterpret_cast<void *(*)(size_t)>(dlsym(library, "mi_malloc")),
+                  reinterpret_cast<void (*)(void *)>(dlsym(library, "mi_free"))});
     }
 }
 #endif
@@ -113,8 +132,8 @@ void AddMemory()
 {
     Add("block/module", Partition);
     Add("block/malloc", Malloc);
-    AddRotate(kModule);
-    AddRotate({"malloc", malloc, free});
+    AddLarge(kModule);
+    AddLarge({"malloc", malloc, free});
 #ifdef BENCH_MIMALLOC
     AddMimalloc();
 #endif

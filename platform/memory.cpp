@@ -1,10 +1,12 @@
 /*
  * Memory handles and partitions.
  *
- * Blocks of up to a kilobyte are cached by size, per thread and behind that in a pool common to all
- * threads; larger ones come from the C library. A block that another thread frees enters that
- * thread's cache, and flows back through the pool with a batch of others. Under a sanitizer every
- * block is the C library's, so that the sanitizer sees each allocation and each free.
+ * Blocks of up to 72 KB are cached by size, per thread and behind that in a pool common to all threads;
+ * larger ones come from the C library. A block that another thread frees enters that thread's cache,
+ * and flows back through the pool with a batch of others. Blocks of up to a kilobyte are kept for ever.
+ * Of the others the pool keeps some megabytes, a cache at most two batches of a size; the rest goes
+ * back to the C library. Under a sanitizer every block is the C library's, so that the sanitizer sees
+ * each allocation and each free.
  *
  * Each thread counts for itself what it allocates and frees per partition, wrapping around below
  * zero when it frees blocks of others; only the sum over all threads means something. A thread that
@@ -15,6 +17,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -41,11 +44,14 @@ constexpr size_t MAX_NAME = 64; /* terminator included */
 constexpr u32 PARTITIONS = 256;
 constexpr u64 MAX_BLOCK = 1ULL << 32; /* bytes; a larger request is a fault of the caller's */
 
-constexpr u64 CLASS_STEP = 16;                 /* bytes between size classes, header included */
-constexpr u32 CLASSES = 1024 / CLASS_STEP + 1; /* the last one: CLASSES - 1 steps */
-constexpr u64 MAX_SMALL = (CLASSES - 1) * CLASS_STEP - CLASS_STEP; /* less the header */
+/* Size classes, headers included: one each 16 bytes up to a kilobyte, then eight to a power of two. */
+constexpr u64 CLASS_STEP = 16;
+constexpr u32 LAST_SMALL = 1024 / CLASS_STEP;
+constexpr u32 CLASSES = 114; /* the last one: 72 KB, for what 16 bits can count and its header */
 constexpr u64 CHUNK_BYTES = 0x10000;
 constexpr u64 BATCH_BYTES = 0x2000; /* about as much moves between a cache and the pool */
+constexpr u64 LARGE_BATCH_BYTES = 0x4000;
+constexpr u64 LARGE_POOL_BYTES = 0x400000; /* at most, of blocks that are not small */
 
 /* Stands before every block. */
 struct alignas(16) Header {
@@ -55,7 +61,7 @@ struct alignas(16) Header {
     };
     u32 mark; /* liveMark() while the block is live */
     u8 partition;
-    u8 sizeClass; /* for ever; 0: the C library's, in no cache */
+    u8 sizeClass; /* 0: in no cache */
 };
 static_assert(sizeof(Header) == 16);
 
@@ -111,6 +117,7 @@ FreeBlock *g_pool[CLASSES]; /* batches */
 void *g_chunks;             /* all of them, linked through their first bytes */
 unsigned char *g_chunkFree;
 u64 g_chunkLeft;
+u64 g_largeInPool; /* bytes */
 
 pthread_once_t g_keyOnce = PTHREAD_ONCE_INIT;
 pthread_key_t g_key; /* runs endThread at a thread's end */
@@ -185,16 +192,33 @@ void discharge(Partition *partition, u64 bytes)
 
 /* ---- Size classes ---- */
 
+constexpr u32 classOf(u64 size)
+{
+    const u64 bytes = size + sizeof(Header);
+    if (bytes <= LAST_SMALL * CLASS_STEP) {
+        return static_cast<u32>((bytes + CLASS_STEP - 1) / CLASS_STEP);
+    }
+    /* The four leading bits of the last byte's number, 8 to 15, and how many bits follow. */
+    const u32 shift = 60 - static_cast<u32>(std::countl_zero(bytes - 1));
+    return static_cast<u32>((bytes - 1) >> shift) + shift * 8 + 1;
+}
+
 constexpr u64 blockBytes(u32 sizeClass)
 {
-    return sizeClass * CLASS_STEP;
+    return sizeClass <= LAST_SMALL ? sizeClass * CLASS_STEP
+                                   : ((sizeClass - 1) % 8 + 9ULL) << ((sizeClass - 9) / 8);
 }
+static_assert(classOf(0xFFFF) == CLASSES - 1 && blockBytes(CLASSES - 1) == 0x12000);
+
+constexpr u64 MAX_CACHED = blockBytes(CLASSES - 1) - sizeof(Header);
 
 /* Blocks of a batch, by size class. */
 constexpr auto BATCH = [] {
     std::array<u32, CLASSES> batch{};
     for (u32 i = 1; i < CLASSES; ++i) {
-        batch[i] = static_cast<u32>(std::clamp<u64>(BATCH_BYTES / blockBytes(i), 8, 64));
+        batch[i] = static_cast<u32>(
+            i <= LAST_SMALL ? std::clamp<u64>(BATCH_BYTES / blockBytes(i), 8, 64)
+                            : std::max<u64>(LARGE_BATCH_BYTES / blockBytes(i), 1));
     }
     return batch;
 }();
@@ -203,6 +227,13 @@ constexpr auto BATCH = [] {
 
 FreeBlock *carveBlock(u32 sizeClass)
 {
+    if (sizeClass > LAST_SMALL) {
+        auto *large = static_cast<FreeBlock *>(malloc(blockBytes(sizeClass)));
+        if (large != nullptr) {
+            large->header.sizeClass = static_cast<u8>(sizeClass);
+        }
+        return large;
+    }
     if (g_chunkLeft < blockBytes(sizeClass)) {
         auto *chunk = static_cast<unsigned char *>(malloc(CHUNK_BYTES));
         if (chunk == nullptr) {
@@ -220,13 +251,14 @@ FreeBlock *carveBlock(u32 sizeClass)
     return block;
 }
 
-/* A batch of new blocks; `count` becomes their number, less only when the memory ends. */
+/* A batch of new blocks, of large ones just one; `count` becomes their number. */
 FreeBlock *carveBatch(u32 sizeClass, u32 *count)
 {
+    const u32 wanted = sizeClass <= LAST_SMALL ? BATCH[sizeClass] : 1;
     FreeBlock *first = nullptr;
     FreeBlock **link = &first;
     u32 carved = 0;
-    for (FreeBlock *block; carved < BATCH[sizeClass] && (block = carveBlock(sizeClass)) != nullptr;
+    for (FreeBlock *block; carved < wanted && (block = carveBlock(sizeClass)) != nullptr;
          ++carved) {
         *link = block;
         link = &block->next;
@@ -248,15 +280,24 @@ FreeBlock *takeBatch(u32 sizeClass, u32 *count)
     }
     g_pool[sizeClass] = batch->nextBatch;
     *count = static_cast<u32>(batch->header.blocksInPool);
+    g_largeInPool -= sizeClass > LAST_SMALL ? *count * blockBytes(sizeClass) : 0;
     return batch;
 }
 
 void giveBatch(FreeBlock *batch, u32 sizeClass, u32 count)
 {
-    if (batch != nullptr) {
+    const u64 bytes = sizeClass > LAST_SMALL ? count * blockBytes(sizeClass) : 0;
+    if (batch != nullptr && g_largeInPool + bytes <= LARGE_POOL_BYTES) {
         batch->header.blocksInPool = count;
         batch->nextBatch = g_pool[sizeClass];
         g_pool[sizeClass] = batch;
+        g_largeInPool += bytes;
+        return;
+    }
+    while (batch != nullptr) {
+        FreeBlock *next = batch->next;
+        free(batch);
+        batch = next;
     }
 }
 
@@ -318,14 +359,9 @@ ThreadMemory *threadMemory()
 /* ---- Blocks ---- */
 
 /* Whether a cache has blocks of that size. */
-bool isSmall(u64 size)
+bool isCached(u64 size)
 {
-    return IS_CACHED && size - 1 < MAX_SMALL;
-}
-
-u32 classOf(u64 size)
-{
-    return static_cast<u32>((size + sizeof(Header) + CLASS_STEP - 1) / CLASS_STEP);
+    return IS_CACHED && size - 1 < MAX_CACHED;
 }
 
 /* The cache must not be empty. */
@@ -362,7 +398,7 @@ void endBlock(ThreadMemory *memory, Header *header)
     add(&memory->counts[header->partition], -asCount(1, header->size));
 }
 
-Header *takeLarge(u64 size)
+Header *takeUncached(u64 size)
 {
     auto *header = static_cast<Header *>(malloc(sizeof(Header) + size));
     if (header != nullptr) {
@@ -397,7 +433,7 @@ void makeRoom(Cache *cache, u32 sizeClass)
     cache->room = BATCH[sizeClass];
 }
 
-Header *takeSmall(ThreadMemory *memory, u64 size)
+Header *takeCached(ThreadMemory *memory, u64 size)
 {
     const u32 sizeClass = classOf(size);
     Cache *cache = &memory->caches[sizeClass];
@@ -407,7 +443,7 @@ Header *takeSmall(ThreadMemory *memory, u64 size)
     return cache->first != nullptr ? popBlock(cache) : nullptr;
 }
 
-void giveSmall(ThreadMemory *memory, Header *header)
+void giveCached(ThreadMemory *memory, Header *header)
 {
     const u32 sizeClass = header->sizeClass;
     Cache *cache = &memory->caches[sizeClass];
@@ -425,7 +461,7 @@ __attribute__((noinline)) void *allocateSlowly(u32 handle, u8 partition, u64 siz
         !charge(&g_partitions[partition], size)) {
         return nullptr;
     }
-    Header *header = isSmall(size) ? takeSmall(memory, size) : takeLarge(size);
+    Header *header = isCached(size) ? takeCached(memory, size) : takeUncached(size);
     if (header == nullptr) {
         discharge(&g_partitions[partition], size);
         return nullptr;
@@ -467,7 +503,7 @@ __attribute__((noinline)) u32 freeSlowly(u32 handle, void *block)
     if (header->sizeClass == 0) {
         free(header);
     } else {
-        giveSmall(memory, header);
+        giveCached(memory, header);
     }
     return QOR_OK;
 }
@@ -509,10 +545,10 @@ u32 ZIR_HandleInitialize(const char *name, u32 *handle)
     return QOR_OK;
 }
 
-/* The short way: a small block out of the thread's cache. */
+/* The short way: a block out of the thread's cache. */
 void *ZIR_MemAlloc(u32 handle, u8 partition, u64 size)
 {
-    if (!hasShortWay(handle) || !isSmall(size)) {
+    if (!hasShortWay(handle) || !isCached(size)) {
         return allocateSlowly(handle, partition, size);
     }
     ThreadMemory *memory = t_memory;
@@ -523,7 +559,7 @@ void *ZIR_MemAlloc(u32 handle, u8 partition, u64 size)
     return beginBlock(memory, popBlock(cache), partition, size);
 }
 
-/* The short way: into the thread's cache, which has no room for what is not small. */
+/* The short way: into the thread's cache, which has no room for what comes from elsewhere. */
 u32 ZIR_MemFree(u32 handle, void *block)
 {
     if (!hasShortWay(handle) || block == nullptr || reinterpret_cast<u64>(block) % 16 != 0) {
