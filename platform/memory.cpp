@@ -216,9 +216,9 @@ constexpr u64 MAX_CACHED = blockBytes(CLASSES - 1) - sizeof(Header);
 constexpr auto BATCH = [] {
     std::array<u32, CLASSES> batch{};
     for (u32 i = 1; i < CLASSES; ++i) {
-        batch[i] = static_cast<u32>(
-            i <= LAST_SMALL ? std::clamp<u64>(BATCH_BYTES / blockBytes(i), 8, 64)
-                            : std::max<u64>(LARGE_BATCH_BYTES / blockBytes(i), 1));
+        batch[i] =
+            static_cast<u32>(i <= LAST_SMALL ? std::clamp<u64>(BATCH_BYTES / blockBytes(i), 8, 64)
+                                             : std::max<u64>(LARGE_BATCH_BYTES / blockBytes(i), 1));
     }
     return batch;
 }();

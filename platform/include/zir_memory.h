@@ -2,7 +2,8 @@
  * Memory handles and partitions.
  *
  * A handle says who allocates, a partition where from. Every block is aligned to 16 bytes and
- * counted in its partition. Partitions 0 to 255 exist from the start. Any thread, concurrently.
+ * counted in its partition. Partitions 0 to 255 exist from the start. Any thread, concurrently; but a
+ * block's contents, and its return, are its owner's business.
  */
 #ifndef ZIR_MEMORY_H
 #define ZIR_MEMORY_H
@@ -24,8 +25,13 @@ QOR_API u32 ZIR_HandleInitialize(const char *name, u32 *handle);
 QOR_API void *ZIR_MemAlloc(u32 handle, u8 partition, u64 size);
 
 /*
- * 0, or 1 for null, an unknown handle, or an address that is not the start of a live block. A freed
- * block of more than a kilobyte belongs to the C library again: freeing it twice is not caught.
+ * Gives a block back, on whatever thread. 0, or 1 for null, an unknown handle, or an address that is
+ * not the start of a live block.
+ *
+ * What cannot be caught: two threads that free the same block at the same time may both get 0, and it
+ * is then handed out twice (an atomic exchange would double the price of every block); and a freed
+ * block above 64 KB, or one of more than a kilobyte beyond the 4 MB of them that are kept, belongs to
+ * the C library again.
  */
 QOR_API u32 ZIR_MemFree(u32 handle, void *block);
 

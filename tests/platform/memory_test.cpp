@@ -24,8 +24,8 @@ TEST(MemoryTest, BlocksAreAlignedApartAndCounted)
     const u32 handle = newHandle();
     std::vector<std::pair<unsigned char *, u64>> blocks;
     u64 bytes = 0;
-    for (u64 size : {1, 15, 16, 17, 56, 368, 1007, 1008, 1009, 5000, 200000}) {
-        for (int i = 0; i < 50; ++i) {
+    const auto take = [&](u64 size, u32 count) {
+        for (u32 i = 0; i < count; ++i) {
             auto *block = static_cast<unsigned char *>(ZIR_MemAlloc(handle, PARTITION, size));
             ASSERT_NE(block, nullptr);
             EXPECT_EQ(reinterpret_cast<u64>(block) % 16, 0U);
@@ -33,6 +33,12 @@ TEST(MemoryTest, BlocksAreAlignedApartAndCounted)
             blocks.emplace_back(block, size);
             bytes += size;
         }
+    };
+    for (u64 size : {1, 15, 16, 17, 56, 368, 1007, 1008, 1009, 2032, 2033, 5000, 200000}) {
+        take(size, 50);
+    }
+    for (u64 size = 1; size < 80000; size += 61) {
+        take(size, 1);
     }
     expectLive(PARTITION, blocks.size(), bytes);
     expectLive(PARTITION + 1, 0, 0);
@@ -153,24 +159,35 @@ TEST(MemoryTest, BlocksFreedByOtherThreadsAreCountedOnce)
     expectLive(PARTITION, 0, 0);
 }
 
-/* What a thread leaves behind, and what it freed of others', is used again. */
+size_t bytesOfTheCLibrary()
+{
+    const struct mallinfo2 info = mallinfo2(); /* a sanitizer's is another */
+    return info.uordblks + info.hblkhd;
+}
+
+/* What a thread leaves behind, and what it freed of others', is used again, or goes back. */
 TEST(MemoryTest, NeedsNoMoreWhenThreadsComeAndGo)
 {
     const u32 handle = newHandle();
-    std::vector<void *> blocks(2000);
-    size_t after[20];
-    for (size_t &used : after) {
-        for (void *&block : blocks) {
-            block = ZIR_MemAlloc(handle, PARTITION, 100);
-        }
-        onThreads(1, [&](u32) {
-            for (void *block : blocks) {
-                EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
+    const size_t before = bytesOfTheCLibrary();
+    for (const auto &[size, most] :
+         {std::pair{100, 0x100000}, {3000, 0x500000}, {60000, 0x500000}}) {
+        std::vector<void *> blocks(2000);
+        size_t after[20];
+        for (size_t &used : after) {
+            for (void *&block : blocks) {
+                block = ZIR_MemAlloc(handle, PARTITION, size);
             }
-        });
-        used = mallinfo2().uordblks; /* of the C library; a sanitizer's is another */
+            onThreads(1, [&](u32) {
+                for (void *block : blocks) {
+                    EXPECT_EQ(ZIR_MemFree(handle, block), 0U);
+                }
+            });
+            used = bytesOfTheCLibrary();
+        }
+        EXPECT_LT(after[19], after[1] + 0x40000);
+        EXPECT_LT(after[19], before + most);
     }
-    EXPECT_LT(after[19], after[1] + 0x40000);
 }
 
 TEST(MemoryTest, Compares)
