@@ -3,8 +3,9 @@
  *
  * A timer lives in a slot: free, waiting (in the list), or running (its callback is being called;
  * not in the list). Only the timer thread moves a slot to running and away from it, so a stop that
- * meets a running timer only marks it, and waits unless it is on the timer thread itself. Callbacks
- * are called with no lock held.
+ * meets a running timer only marks it. A stop waits while the timer's callback runs, whichever timer
+ * calls it, unless it is on the timer thread itself. Then it looks at the handle again: the callback may
+ * have started another timer with it. Callbacks are called with no lock held.
  */
 #include <cerrno>
 #include <ctime>
@@ -41,7 +42,8 @@ u32 g_usedSlots;     /* slots from here on have never been used */
 Timer *g_freeTimers; /* slots used before */
 Timer *g_firstTimer; /* waiting, ordered by deadline and start number */
 u64 g_startCount;
-u64 g_callbackCount; /* callbacks begun */
+ZIR_TimerCallback g_callback; /* that runs now, or null */
+u64 g_callbackCount;          /* callbacks begun */
 u64 g_callbacksReturned;
 u32 g_speed = 1;
 bool g_threadRuns;
@@ -119,12 +121,14 @@ void runFirst()
     timer->state = RUNNING;
     timer->stopped = false;
     const ZIR_TimerCallback callback = timer->callback;
+    g_callback = callback;
     ++g_callbackCount;
 
     (void)pthread_mutex_unlock(&g_mutex);
     callback();
     (void)pthread_mutex_lock(&g_mutex);
 
+    g_callback = nullptr;
     if (timer->stopped || timer->mode == ZIR_TIMER_ONCE) {
         giveSlotBack(timer);
     } else {
@@ -169,7 +173,7 @@ ZIR_TimerHandle handleOf(const Timer *timer)
     return static_cast<u64>(timer->generation) << 32 | static_cast<u64>(timer - g_timers + 1);
 }
 
-/* The timer that a handle speaks of, or null when it was stopped or has ended. */
+/* The timer that a handle speaks of, or null when it has ended. */
 Timer *findTimer(ZIR_TimerHandle handle)
 {
     const u64 index = (handle & 0xFFFFFFFF) - 1;
@@ -177,8 +181,27 @@ Timer *findTimer(ZIR_TimerHandle handle)
         return nullptr;
     }
     Timer *timer = &g_timers[index];
-    const bool known = timer->state == WAITING || (timer->state == RUNNING && !timer->stopped);
-    return known && handleOf(timer) == handle ? timer : nullptr;
+    return timer->state != FREE && handleOf(timer) == handle ? timer : nullptr;
+}
+
+/* Ends a timer, or sees to it that it ends when its callback returns. */
+void endTimer(Timer *timer)
+{
+    if (timer->state == WAITING) {
+        removeWaiting(timer);
+        giveSlotBack(timer);
+    } else {
+        timer->stopped = true;
+    }
+}
+
+/* Of the callback that runs now. */
+void awaitReturn()
+{
+    const u64 running = g_callbackCount;
+    while (g_callbacksReturned < running) {
+        (void)pthread_cond_wait(&g_returned, &g_mutex);
+    }
 }
 
 } // namespace
@@ -223,22 +246,21 @@ u32 ZIR_ReltmrStop(ZIR_TimerHandle *handle)
         return QOR_FAIL;
     }
     const TimerLock lock;
-    Timer *timer = findTimer(*handle);
-    if (timer == nullptr) {
-        return QOR_FAIL;
+    const bool waits = pthread_equal(pthread_self(), g_thread) == 0;
+    u32 ret = QOR_FAIL;
+    while (Timer *timer = findTimer(*handle)) {
+        ret = QOR_OK;
+        const ZIR_TimerHandle stopped = *handle;
+        const ZIR_TimerCallback callback = timer->callback;
+        endTimer(timer);
+        if (waits && callback == g_callback) {
+            awaitReturn();
+        }
+        if (*handle == stopped) {
+            *handle = 0;
+        }
     }
-    *handle = 0;
-    if (timer->state == WAITING) {
-        removeWaiting(timer);
-        giveSlotBack(timer);
-        return QOR_OK;
-    }
-    timer->stopped = true;
-    const u64 running = g_callbackCount;
-    while (pthread_equal(pthread_self(), g_thread) == 0 && g_callbacksReturned < running) {
-        (void)pthread_cond_wait(&g_returned, &g_mutex);
-    }
-    return QOR_OK;
+    return ret;
 }
 
 void ZIR_TimerSetSpeed(u32 factor)

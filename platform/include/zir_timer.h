@@ -27,8 +27,12 @@ QOR_API u32 ZIR_ReltmrCbkStart(ZIR_TimerHandle *handle, u32 memHandle, u32 perio
                                void *context, u32 mode, ZIR_TimerCallback callback);
 
 /*
- * Stops a timer and sets *handle to 0. When it returns, the callback is not running and will not
- * run again; called from that very callback it does not wait. 0, or 1 for an unknown handle.
+ * Stops a timer and sets *handle to 0. When it returns, the callback is not running and will not run
+ * again, whoever else stops the timer meanwhile, and also when the callback started itself again with
+ * this very *handle; called from that very callback it does not wait. 0, or 1 for an unknown handle.
+ *
+ * *handle is read again after a wait: the variable must outlive the callback. The caller must not hold
+ * what the callback locks.
  */
 QOR_API u32 ZIR_ReltmrStop(ZIR_TimerHandle *handle);
 

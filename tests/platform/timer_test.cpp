@@ -19,13 +19,17 @@ namespace {
 
 std::atomic<u64> g_nowMs{1000};
 thread_local bool t_isStopper;
-std::atomic<bool> g_stopperWaits;
+std::atomic<u32> g_stoppers; /* that wait for a callback, or have returned without */
+
+void countStopper()
+{
+    g_stoppers += t_isStopper;
+    t_isStopper = false;
+}
 
 int yieldUnlocked(pthread_mutex_t *mutex)
 {
-    if (t_isStopper) {
-        g_stopperWaits = true;
-    }
+    countStopper();
     (void)pthread_mutex_unlock(mutex);
     (void)sched_yield();
     (void)pthread_mutex_lock(mutex);
@@ -131,28 +135,71 @@ TEST(TimerTest, CallbacksStopAndStartTimers)
 }
 
 std::atomic<bool> g_callbackEnded;
+u32 g_mode;
 
-void runUntilTheStopperWaits()
+void endWhenStopped(u32 stoppers)
 {
     ++g_callCount;
-    while (!g_stopperWaits) {
+    while (g_stoppers < stoppers) {
         (void)sched_yield();
     }
+}
+
+template <u32 STOPPERS> void runUntilStopped()
+{
+    endWhenStopped(STOPPERS);
     g_callbackEnded = true;
 }
 
-TEST(TimerTest, StopWaitsForTheRunningCallback)
+void restartBeforeTheStop()
+{
+    EXPECT_EQ(ZIR_ReltmrStop(&g_timer[0]), 0U); /* or a repeated one would go on under no handle */
+    EXPECT_EQ(start(&g_timer[0], 10, restartBeforeTheStop, g_mode), 0U);
+    runUntilStopped<1>();
+}
+
+void restartBesideTheStop()
+{
+    endWhenStopped(1);
+    EXPECT_EQ(start(&g_timer[0], 10, restartBesideTheStop, g_mode), 0U);
+    g_callbackEnded = true;
+}
+
+void stopAndExpectTheEnd(ZIR_TimerHandle *handle)
 {
     t_isStopper = true;
+    EXPECT_EQ(ZIR_ReltmrStop(handle), 0U);
+    countStopper();
+    EXPECT_TRUE(g_callbackEnded) << "the callback ran while the stop returned";
+    EXPECT_EQ(*handle, 0U);
+}
+
+TEST(TimerTest, StopWaitsForTheRunningCallbackAndEndsWhatItStarts)
+{
     for (u32 mode : {ZIR_TIMER_ONCE, ZIR_TIMER_REPEAT}) {
-        g_callbackEnded = g_stopperWaits = false;
-        g_callCount = 0;
-        ASSERT_EQ(start(&g_timer[0], 10, runUntilTheStopperWaits, mode), 0U);
-        g_nowMs += 10;
-        awaitCalls(1);
-        EXPECT_EQ(ZIR_ReltmrStop(&g_timer[0]), 0U);
-        EXPECT_TRUE(g_callbackEnded);
-        EXPECT_EQ(g_timer[0], 0U);
+        for (const auto &[callback, stoppers] : {std::pair{&runUntilStopped<1>, 1U},
+                                                 {runUntilStopped<2>, 2U},
+                                                 {restartBeforeTheStop, 1U},
+                                                 {restartBesideTheStop, 1U}}) {
+            g_mode = mode;
+            g_callbackEnded = false;
+            g_callCount = g_stoppers = 0;
+            ASSERT_EQ(start(&g_timer[0], 10, callback, mode), 0U);
+            ZIR_TimerHandle handles[] = {g_timer[0], g_timer[0]};
+            g_nowMs += 10;
+            awaitCalls(1);
+            onThreads(stoppers, [&, count = stoppers](u32 self) {
+                stopAndExpectTheEnd(count == 1 ? &g_timer[0] : &handles[self]);
+            });
+            /* All that was due before another timer has been called when that one is. */
+            ASSERT_EQ(start(&g_timer[1], 100, record<'Z'>, ZIR_TIMER_ONCE), 0U);
+            g_calls.clear();
+            g_stoppers = 1;
+            g_nowMs += 100;
+            awaitCalls(2);
+            EXPECT_EQ(g_calls, "Z");
+            EXPECT_EQ(g_callCount, 2U) << "the callback ran again";
+        }
     }
 }
 
