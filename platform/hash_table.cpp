@@ -234,18 +234,20 @@ u32 learnMask(HASH_CompFunc compare, const unsigned char *a, unsigned char *b, u
     return known;
 }
 
-/* Two buffers serve as keys. A key with less than a word is left unknown. */
-void learnKey(Table *table)
+/* A key with less than a word is left unknown. False: no memory. */
+bool learnKey(Table *table)
 {
-    auto *a = static_cast<unsigned char *>(takeNode(table));
-    auto *b = static_cast<unsigned char *>(takeNode(table));
-    (void)memset(a, 0, table->nodeSize);
-    (void)memset(b, 0, table->nodeSize);
+    /* As far apart as nodes are, for the alignment of their fields. */
+    const u64 bytes = 2ULL * table->stride;
+    auto *keys = static_cast<unsigned char *>(takeMemory(table, bytes));
+    if (keys == nullptr) {
+        return false;
+    }
+    (void)memset(keys, 0, bytes);
     unsigned char mask[KEY_WORDS * sizeof(u64)] = {};
     const u32 size = std::min(table->nodeSize, static_cast<u32>(sizeof(mask)));
-    const u32 known = learnMask(table->compare, a, b, size, mask);
-    HASH_FreeData(table, b);
-    HASH_FreeData(table, a);
+    const u32 known = learnMask(table->compare, keys, keys + table->stride, size, mask);
+    giveMemory(table, keys, bytes);
 
     u64 factor = 1;
     for (u32 begin = 0; begin < known && known >= sizeof(u64); begin += sizeof(u64)) {
@@ -256,6 +258,7 @@ void learnKey(Table *table)
         word.factor = factor *= 0x9E3779B97F4A7C15;
         table->keyWords = static_cast<u8>(table->keyWords + (word.mask != 0));
     }
+    return true;
 }
 
 /* ---- Buckets ---- */
@@ -440,13 +443,10 @@ HASH_Handle HASH_CreateNew(u8 partition, u32 nodeSize, u32 bucketCount, HASH_Has
     table->partition = partition;
     table->freeNode = table->cursor = NONE;
     table->stat.bytes = size;
-    if (!addSlab(table)) {
+    if (option != HASH_ANY_KEY && !learnKey(table)) {
         HASH_Handle handle = table;
         HASH_DeleteHash(&handle);
         return nullptr;
-    }
-    if (option != HASH_ANY_KEY) {
-        learnKey(table);
     }
     return table;
 }
