@@ -301,7 +301,7 @@ void giveEntries(Table *table, const Bucket *bucket)
 bool growBucket(Table *table, Bucket *bucket)
 {
     Bucket grown = *bucket;
-    grown.capacity = bucket->count + bucket->count / 4 + 4;
+    grown.capacity = bucket->count + bucket->count / 2 + 3;
     grown.entries = static_cast<Entry *>(takeMemory(table, grown.capacity * sizeof(Entry)));
     if (grown.entries == nullptr) {
         return false;

@@ -1,7 +1,7 @@
 /*
  * Memory handles and partitions.
  *
- * Blocks of up to 72 KB are cached by size, per thread and behind that in a pool common to all threads;
+ * Blocks of up to 68 KB are cached by size, per thread and behind that in a pool common to all threads;
  * larger ones come from the C library. A block that another thread frees enters that thread's cache,
  * and flows back through the pool with a batch of others. Blocks of up to a kilobyte are kept for ever.
  * Of the others the pool keeps some megabytes, a cache at most two batches of a size; the rest goes
@@ -44,10 +44,11 @@ constexpr size_t MAX_NAME = 64; /* terminator included */
 constexpr u32 PARTITIONS = 256;
 constexpr u64 MAX_BLOCK = 1ULL << 32; /* bytes; a larger request is a fault of the caller's */
 
-/* Size classes, headers included: one each 16 bytes up to a kilobyte, then eight to a power of two. */
+/* Size classes, headers included: one each 16 bytes up to a kilobyte, then 16 to a power of two. */
 constexpr u64 CLASS_STEP = 16;
 constexpr u32 LAST_SMALL = 1024 / CLASS_STEP;
-constexpr u32 CLASSES = 114; /* the last one: 72 KB, for what 16 bits can count and its header */
+constexpr u32 LARGE_OFFSET = 7 * 16 - (LAST_SMALL + 1); /* see classOf */
+constexpr u32 CLASSES = 162; /* the last one: 68 KB, for what 16 bits can count and its header */
 constexpr u64 CHUNK_BYTES = 0x10000;
 constexpr u64 BATCH_BYTES = 0x2000; /* about as much moves between a cache and the pool */
 constexpr u64 LARGE_BATCH_BYTES = 0x4000;
@@ -198,17 +199,19 @@ constexpr u32 classOf(u64 size)
     if (bytes <= LAST_SMALL * CLASS_STEP) {
         return static_cast<u32>((bytes + CLASS_STEP - 1) / CLASS_STEP);
     }
-    /* The four leading bits of the last byte's number, 8 to 15, and how many bits follow. */
-    const u32 shift = 60 - static_cast<u32>(std::countl_zero(bytes - 1));
-    return static_cast<u32>((bytes - 1) >> shift) + shift * 8 + 1;
+    /* The five leading bits of the last byte's number, 16 to 31, and how many bits follow. */
+    const u32 shift = 59 - static_cast<u32>(std::countl_zero(bytes - 1));
+    return static_cast<u32>((bytes - 1) >> shift) + shift * 16 - LARGE_OFFSET;
 }
 
 constexpr u64 blockBytes(u32 sizeClass)
 {
+    const u32 large = sizeClass + LARGE_OFFSET;
     return sizeClass <= LAST_SMALL ? sizeClass * CLASS_STEP
-                                   : ((sizeClass - 1) % 8 + 9ULL) << ((sizeClass - 9) / 8);
+                                   : (large % 16 + 17ULL) << (large / 16 - 1);
 }
-static_assert(classOf(0xFFFF) == CLASSES - 1 && blockBytes(CLASSES - 1) == 0x12000);
+static_assert(classOf(0xFFFF) == CLASSES - 1 && blockBytes(CLASSES - 1) == 17 << 12);
+static_assert(blockBytes(LAST_SMALL) == 1 << 10 && blockBytes(LAST_SMALL + 1) == 17 << 6);
 
 constexpr u64 MAX_CACHED = blockBytes(CLASSES - 1) - sizeof(Header);
 

@@ -3,7 +3,7 @@
  *
  * A handle says who allocates, a partition where from. Every block is aligned to 16 bytes and
  * counted in its partition. Partitions 0 to 255 exist from the start. Any thread, concurrently; but a
- * block's contents, and its return, are its owner's business.
+ * block's contents, and its return, are its owner's business. All may be called under any mutex.
  */
 #ifndef ZIR_MEMORY_H
 #define ZIR_MEMORY_H
