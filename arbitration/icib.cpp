@@ -17,7 +17,7 @@ HASH_Handle g_icibReOpRecordHash = nullptr;
 
 namespace {
 
-WaitState g_icibWait;
+constinit WaitState g_icibWait = {};
 
 struct OpNode {
     L2ResIcibKey key;

@@ -16,7 +16,7 @@ HASH_Handle g_ipatReOpRecordHash = nullptr;
 
 namespace {
 
-WaitState g_ipatWait;
+constinit WaitState g_ipatWait = {};
 
 struct OpNode {
     L2ResIpatKey key;
