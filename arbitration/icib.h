@@ -5,7 +5,8 @@
  * Locks: every function takes the mutex it needs; the caller may hold it, too, for it is recursive.
  * The module never holds two at once, except that a callback run by the walk, which holds
  * g_icibReOpRecordMutex, may ask for a token. Whoever looks into a hash table himself, with the
- * platform's calls, holds its mutex, from the first node of an iteration to the last. The searches
+ * platform's calls, holds its mutex, from the first node of an iteration to the last, and inserts and
+ * removes nothing: the module counts its nodes. The searches
  * return a pointer into the table: good as long as the caller holds the mutex, or knows that nobody
  * changes or removes the entry.
  */
@@ -38,7 +39,7 @@ QOR_API u32 QorL2ResIcibOpDel(const L2ResIcibKey *key);
 /*
  * Waiting requests. Update appends one with a copy of `dataLen` bytes of data: 0, 1 when it is not
  * recorded, or the failed copy's code. Del removes the entry with all of them: the removal's result,
- * 0 when there is none or a release is notifying it, 1 for a null key.
+ * 0 when there is none or a release or the walk is notifying it, 1 for a null key.
  */
 QOR_API L2ResIcibReOpRecord *QorL2ResIcibReOpHashSearch(const L2ResIcibKey *key);
 QOR_API u32 QorL2ResIcibReOpHashUpdate(const L2ResIcibKey *key, const L2ResOpRecord *record,
@@ -50,7 +51,7 @@ QOR_API u32 QorL2ResIcibAddMutexProc(u32 srvType, L2ResTokenReq *req);
 QOR_API u32 QorL2ResIcibUpdateMutexProc(u32 srvType, L2ResTokenReq *req);
 QOR_API u32 QorL2ResIcibDelMutexProc(u32 srvType, L2ResTokenReq *req);
 
-/* Notifies and removes the key's waiters, on this thread, no lock held. Returns 0. */
+/* Notifies and removes the key's waiters, on this thread, no lock held but the caller's. Returns 0. */
 QOR_API u32 QorL2ResIcibReOpProc(L2ResTokenReq *req);
 
 /*

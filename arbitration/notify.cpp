@@ -11,7 +11,7 @@ namespace {
 // release leaves it in the list.
 inline void Claim(L2ResWaitList *list, u16 first, u16 end)
 {
-    list->claimed = end;
+    list->claimed = 1;
     for (u16 i = first; i < end; ++i) {
         list->entry[i].serial = kHandedOut;
     }
@@ -74,21 +74,24 @@ u32 ReleaseWaiters(const CommonTable &table, const void *key)
 namespace {
 
 constexpr u32 kVisitsAHold = 1024; // some tens of microseconds
-constexpr u32 kPatience = 1000;    // yields; a fraction of a millisecond
+constexpr u32 kYields = 1000;      // a fraction of a millisecond
+constexpr u32 kPatience = 100;     // a thread that cannot run must not hold up a tick for long
 
 // With the mutex free until one of those who wait for it has had it: without that, a walk that takes
 // it again at once would keep a sleeping thread out for as long as it lasts. `failure`: a line or null.
 void GiveWay(const CommonTable &table, const char *failure) QOR_REQUIRES(*table.waitMutex)
 {
-    const WaitState &wait = *table.wait;
+    WaitState &wait = *table.wait;
     const u32 passed = wait.passed;
-    const bool wanted = wait.arrived != passed;
+    u32 yields = wait.arrived != passed && wait.patience != 0 ? kYields : 0;
+    const bool waits = yields != 0;
     ZIR_MutexUnlock(table.waitMutex);
     WriteFailure(table, failure);
-    for (u32 i = 0; wanted && wait.passed == passed && i < kPatience; ++i) {
+    for (; yields != 0 && wait.passed == passed; --yields) {
         std::this_thread::yield();
     }
     ZIR_MutexLock(table.waitMutex);
+    wait.patience -= waits && yields == 0 ? 1 : 0;
 }
 
 // Notifies a node's requests, the mutex held: the element the walk stands on must not go away under a
@@ -119,11 +122,13 @@ bool CountDown(const CommonTable &table, L2ResWaitList *list) QOR_REQUIRES(*tabl
     return list->claimed == 0 && (list->walkCountdown < 1 || --list->walkCountdown == 0);
 }
 
+// Goes over the table, or over as many nodes as it has: the position may be moved back meanwhile.
 void VisitAll(const CommonTable &table, u32 visitsAHold) QOR_REQUIRES(*table.waitMutex)
 {
+    const u32 most = table.wait->nodes;
     u32 visits = 0;
-    for (HASH_Element *element = HASH_GetFirstNode(*table.waitHash); element != nullptr;
-         element = HASH_GetNextNode(*table.waitHash)) {
+    for (HASH_Element *element = HASH_GetFirstNode(*table.waitHash);
+         element != nullptr && visits <= most; element = HASH_GetNextNode(*table.waitHash)) {
         void *node = element->node;
         if (CountDown(table, ListOf(table, node))) {
             ReleaseDue(table, node);
@@ -144,8 +149,10 @@ void WalkWaiters(const CommonTable &table)
     ZIR_MutexLock(table.waitMutex);
     ++wait.tick;
     wait.unvisited = wait.nodes;
+    wait.patience = kPatience;
     VisitAll(table, kVisitsAHold);
-    // Somebody else iterated meanwhile and moved the position: once more, for the rest, in one hold.
+    // Somebody else iterated meanwhile and moved the position: again, without a pause between nodes
+    // that are not due, until all have been visited.
     for (u32 left = wait.nodes + 1; wait.unvisited != 0 && wait.unvisited < left;) {
         left = wait.unvisited;
         VisitAll(table, wait.nodes + 1);

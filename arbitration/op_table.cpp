@@ -82,6 +82,7 @@ u32 QorL2ResHashTblInit(void)
             if (*created->table != nullptr) {
                 ZIR_MutexLock(created->mutex);
                 HASH_DeleteHash(created->table);
+                *created->table = nullptr;
                 ZIR_MutexUnlock(created->mutex);
             }
         }

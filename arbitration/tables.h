@@ -6,9 +6,9 @@
  * everything in which ICIB and IPAT differ; icib.cpp and ipat.cpp hold the two rows.
  *
  * Every platform call on a hash table is made under that table's mutex, by us as by anybody else who
- * looks into an exported table. No code holds mutexes of two tables at once, and foreign code runs
- * under none, except that a callback of the ICIB walk runs under the waiting requests' mutex.
- * Messages are written with no mutex held, in the order of the steps they report.
+ * looks into an exported table. No code holds mutexes of two tables at once, foreign code runs under
+ * none, and messages are written with none held, in the order of the steps they report. The exception
+ * is the ICIB walk: its callbacks, and the line after each, come under the waiting requests' mutex.
  *
  * How one entry's requests stay exact between threads:
  *   - A request is judged against a copy of the entry's record. It replaces the record only if that
@@ -32,6 +32,8 @@
  *     at l as they did; W waits for the release of the record that stands there at l.
  *   - So W waits for a record that stands there at l, and whoever frees that one finds W. (An ICIB
  *     record that is not in use may never be freed; there the walk tells W.)
+ *   - The list has ten places, and a request that is about to be taken back holds one of them: who
+ *     finds them taken at that moment is answered like an eleventh.
  *   - A request once claimed is not taken back any more, and one taken back cannot be claimed: both
  *     happen under the mutex. So a request told by a release is not judged and recorded again.
  */
@@ -83,6 +85,7 @@ struct WaitState {
     std::atomic<u32> nodes; /* in waitHash; a release and a tick look at it without the mutex */
     u16 tick;               /* of the walk; a node carries the one that visited or created it */
     u32 unvisited;          /* nodes that this tick has not visited yet */
+    u32 patience;           /* how often this tick still waits in vain for somebody to pass */
     std::atomic<u32> arrived, passed; /* those who came for the mutex, those who got it */
 };
 

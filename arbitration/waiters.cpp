@@ -74,8 +74,6 @@ void *SearchWaitNode(const CommonTable &table, const void *key)
 
 namespace {
 
-constexpr u32 kHandedOut = 0; // serial of an entry that has been notified
-
 struct Request {
     const void *key;
     const L2ResOpRecord *record;

@@ -1,9 +1,8 @@
 /*
  * Waiting requests: who wants an entry that somebody holds. One implementation for both tables.
  *
- * States of an entry's list: none, waiting (claimed 0), claimed (claimed > 0: a release or the walk
- * is notifying it, and has handed out that many entries). Only the claimer removes a claimed list;
- * an entry already handed out is never moved.
+ * States of an entry's list: none, waiting, claimed (a release or the walk is notifying it). Only the
+ * claimer removes a claimed list; an entry already handed out is never moved.
  */
 #ifndef ARBITRATION_WAITERS_H
 #define ARBITRATION_WAITERS_H
@@ -51,8 +50,8 @@ u32 AppendWaiter(const CommonTable &table, const void *key, const L2ResOpRecord 
 bool TakeBackWaiter(const CommonTable &table, const void *key, u32 serial);
 
 /*
- * Notifies the key's waiting requests in arrival order, no mutex held, then removes them as the
- * table does. The last callback's result; 0 when there is none or another release is at it.
+ * Notifies the key's waiting requests in arrival order, no mutex held but the caller's, then removes
+ * them as the table does. The last callback's result; 0 when there is none or another release is at it.
  */
 u32 ReleaseWaiters(const CommonTable &table, const void *key);
 
@@ -61,8 +60,9 @@ u32 RemoveWaiters(const CommonTable &table, const void *key, HASH_Handle hash);
 
 /*
  * One tick of the timed release: counts down every unclaimed node and notifies those that run out,
- * with the table's mutex held. It gives the mutex back, and way to whoever waits for it, after each
- * node that was due and after so many others. A tick with nobody waiting touches nothing.
+ * with the table's mutex held. It gives the mutex back, and way to those who wait for it in the
+ * module's functions, after each node that was due and after so many others. A tick with nobody waiting
+ * touches nothing.
  *
  * A table has one iteration position. Whoever else iterates it holds its mutex from the first node to
  * the last, so the walk does not derail him; him derailing the walk shows in the nodes, each of which

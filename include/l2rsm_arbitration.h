@@ -13,8 +13,12 @@
  * by each later release, and a list of ten is never shortened: its requests, with the copies of their
  * data, stay as long as the process lives.
  *
- * Callbacks of a release run on the thread that frees the token, with no lock of the module held. Those
- * of the tick run on the worker with the ICIB waiters' mutex held: until one returns, nobody else can
+ * Callbacks of a release run on the thread that frees the token, with no lock of the module held (but
+ * what the caller holds, if it is itself a callback of the tick). While they run, the entry's other
+ * requests are told by that thread alone: whoever frees the entry's next token meanwhile tells nobody,
+ * and the tick leaves the entry alone. So a callback must not wait for another request of its entry.
+ *
+ * Callbacks of the tick run on the worker with the ICIB waiters' mutex held: until one returns, nobody else can
  * record, release or query waiting requests of ICIB. It may itself get and free tokens, as any other,
  * but must not wait for a thread that does.
  *
@@ -45,7 +49,11 @@ enum {
     L2RES_TOKEN_WAIT = 4 /* do not operate now: recorded as waiting, or a repeat without work */
 };
 
-enum { L2RES_WAITERS_MAX = 10 }; /* per entry; a further request is answered but not recorded */
+/*
+ * Per entry; a further request is answered but not recorded. A request that another thread is about to
+ * judge again, because its entry has just been freed, may hold a place for a moment.
+ */
+enum { L2RES_WAITERS_MAX = 10 };
 
 typedef struct {
     u64 Stamp;        /* time stamp chosen by the service; compared unsigned */
@@ -147,7 +155,8 @@ QOR_API u32 QorL2ResGetIpatToken(u32 srvType, u32 opType, L2ResTokenReq *req);
  * the caller holds the token is not checked.
  *   ICIB: 0, or 1 when the entry has no op record (its waiters are then left as they are). opType 1
  *         and 2 keep the record as released, any other removes it.
- *   IPAT: always removes the record; the result of the last notification, or 0.
+ *   IPAT: always removes the record; the result of the last notification, or 0, also while another
+ *         free of the entry is notifying.
  */
 QOR_API u32 QorL2ResFreeIcibToken(u32 srvType, u32 opType, L2ResTokenReq *req);
 QOR_API u32 QorL2ResFreeIpatToken(u32 srvType, u32 opType, L2ResTokenReq *req);

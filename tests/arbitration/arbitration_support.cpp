@@ -141,6 +141,11 @@ void AtUnlock(const ZIR_Mutex *mutex, std::function<void()> act)
     AddPoint({"", mutex, std::move(act)});
 }
 
+void ForgetPoints()
+{
+    g_points.clear();
+}
+
 int HeldMutexes()
 {
     return t_held;

@@ -63,5 +63,7 @@ std::string Notifications();
 void AtMessage(const std::string &prefix, std::function<void()> act);
 /* Runs `act` once, when the thread that unlocks that mutex of a table next holds no mutex any more. */
 void AtUnlock(const ZIR_Mutex *mutex, std::function<void()> act);
+/* Forgets the points that have not been passed; otherwise each must be. */
+void ForgetPoints();
 
 #endif

@@ -409,4 +409,28 @@ TEST_F(Interleaving, TheWalkIsNotDerailed)
     EXPECT_EQ(TableLocks(), locks);
 }
 
+// Whoever moves the position back each time he gets the mutex does not keep the walk from its end.
+TEST_F(Interleaving, TheWalkEndsWhoeverMovesItsPosition)
+{
+    constexpr u16 kEntries = 3000;
+    for (u16 i = 0; i < kEntries; ++i) {
+        EXPECT_EQ(kIcib.Get(kUpdate, {2, 20, 1}, MakeKey(static_cast<u16>(i % 1024), i)), 3u);
+    }
+    unsigned times = 0;
+    std::function<void()> moveBack = [&] {
+        ZIR_MutexLock(kIcib.waitMutex);
+        (void)HASH_GetFirstNode(*kIcib.waitHash);
+        ZIR_MutexUnlock(kIcib.waitMutex);
+        if (++times < 100) {
+            AtUnlock(kIcib.waitMutex, moveBack);
+        }
+    };
+    AtUnlock(kIcib.waitMutex, moveBack);
+    Walk();
+    ForgetPoints();
+    EXPECT_LT(times, 10u);
+    Walk(2);
+    EXPECT_EQ(journal::Only(journal::kNotify).size(), size_t{kEntries});
+}
+
 } // namespace
