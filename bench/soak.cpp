@@ -25,7 +25,7 @@
 #include "bench.h"
 #include "frame/memory.h"
 #include "frame/worker.h"
-#include "host/progress.h"
+#include "host/watch/progress.h"
 #include "l2rsm_entry.h"
 #include "qor_epoll.h"
 #include "zir_memory.h"

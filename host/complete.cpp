@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
-#include "lua_api.h"
+#include "script/lua_api.h"
 
 namespace host {
 

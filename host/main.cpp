@@ -12,11 +12,11 @@
 #include <iostream>
 #include <sstream>
 
+#include "assembly.h"
 #include "comp_registry.h"
-#include "host.h"
-#include "lua_api.h"
 #include "prompt.h"
-#include "replayer.h"
+#include "record/replayer.h"
+#include "script/lua_api.h"
 
 using namespace host;
 
@@ -190,7 +190,7 @@ static std::string runScenario(Host &device, const Options &options)
         if (!options.script.empty()) {
             requireReadable(options.script);
         }
-        device.start(options);
+        start(device, options);
         device.scenario.open();
         if (!options.script.empty() || !wantsPrompt(options)) {
             device.scenario.play(options.script);

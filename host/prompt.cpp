@@ -14,8 +14,8 @@
 #include <sstream>
 
 #include "complete.h"
-#include "host.h"
-#include "lua_api.h"
+#include "script/host.h"
+#include "script/lua_api.h"
 
 namespace host {
 

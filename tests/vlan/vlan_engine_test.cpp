@@ -1,7 +1,7 @@
 /* The simulated engine's VLAN half: what it refuses, how it edits, and that its check can fail. */
 #include <gtest/gtest.h>
 
-#include "host/vlan_engine.h"
+#include "engine/vlan_engine.h"
 #include "vlan/vlan_support.h"
 
 using host::VlanEngine;

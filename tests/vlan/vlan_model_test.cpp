@@ -10,7 +10,7 @@
 #include <bit>
 #include <random>
 
-#include "host/vlan_engine.h"
+#include "engine/vlan_engine.h"
 #include "support/services.h"
 #include "vlan/vlan_support.h"
 

@@ -1,0 +1,43 @@
+#include "assembly.h"
+
+#include "zir_timer.h"
+
+namespace host {
+
+void start(Host &host, const Options &options)
+{
+    host.journal.attach(host.printer,
+                        {Kind::call, Kind::notify, Kind::result, Kind::alarm, Kind::text});
+    if (options.trace) {
+        host.journal.attach(host.printer, {Kind::hook, Kind::service, Kind::log});
+    }
+    host.journal.attach(host.logCapture, {Kind::log});
+    host.journal.attach(host.logHistory, {Kind::log});
+    host.json = options.json;
+    if (host.json) {
+        host.printer.sendEventsToStandardError();
+    }
+    host.module.setLedger(host.ledger);
+    // The timers of phase 2 run at the speed that is set when they are started.
+    host.clock.setSpeed(options.speed);
+    ZIR_TimerSetSpeed(options.speed);
+    if (!options.record.empty()) {
+        host.recorder.start(options.record, {{"script", textOf(options.script)},
+                                             {"speed", options.speed},
+                                             {"slot", options.services.slot},
+                                             {"partition", options.services.partition}});
+    }
+    if (!options.metrics.empty()) {
+        host.journal.attach(host.metrics, {Kind::call, Kind::notify, Kind::result, Kind::log});
+    }
+    host.services.start(options.services);
+    host.module.start(options.module);
+    if (!options.metrics.empty()) {
+        host.metrics.start(options.metrics, options.script, options.module);
+    }
+    host.inspector.attach(host.module, host.services.partition());
+    host.leftovers.remember(host.module);
+    host.hooks.lend(host.module.table());
+}
+
+} // namespace host
