@@ -1,7 +1,7 @@
 // A platform as plain as can be, for the tests: written from docs/platform.md alone, in standard
 // calls, and watchful. A caller that breaks a rule of that page is stopped with a line that names it.
 // PLAIN_BREAK takes one promise away, for the tests of platform-check.
-#include "plain.h"
+#include "include/plain.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
