@@ -36,8 +36,8 @@ module)
 headers)
     root=$3
     cc=("$2" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only
-        "-I$root/include" "-I$root/platform/include" "-I$root" -x c -)
-    for header in "$root"/{include,platform/include,frame,alarms}/*.h; do
+        "-I$root/include" "-I$root/platform/include" "-I$root/module" -x c -)
+    for header in "$root"/{include,platform/include,module/frame,module/alarms}/*.h; do
         printf '#include "%s"\nextern int unit;\n' "$header" | "${cc[@]}" ||
             { echo "in $header" && failed=1; }
     done
@@ -56,7 +56,7 @@ page)
     same calls "$(names Calls)" \
         "$(nm -D --undefined-only "$module" | awk '$1 == "U" && $2 !~ /@/ {print $2}' | sort)"
     same headers "$(names Headers)" \
-        "$(cd "$source" && grep -rhoE '#include "[a-z_]+\.h"' frame registry arbitration alarms vlan_edit |
+        "$(cd "$source" && grep -rhoE '#include "[a-z_]+\.h"' module |
             cut -d'"' -f2 | sort -u | while read -r header; do
             [[ -e platform/include/$header ]] && echo "$header"
         done)"
