@@ -58,6 +58,7 @@ static bool validFlag(u32 commandFlag)
 
 u32 VlanEngine::program(const VlanEditInfo *info, u16 profileId, u16 commandId, u32 commandFlag)
 {
+    std::lock_guard lock(mutex_);
     if (info == nullptr || !validFlag(commandFlag)) {
         refusals_(info == nullptr
                       ? "vlan engine refuses: no request"
@@ -242,6 +243,7 @@ VlanTags applied(const VlanEditCommand &command, const VlanTags &tags, const Vla
 VlanEngine::Passage VlanEngine::send(u32 direction, u16 profileId, const VlanTags &tags,
                                      const VlanEntry &entry) const
 {
+    std::lock_guard lock(mutex_);
     const Half &engine = half(direction);
     const u32 format = vlanFormat(tags);
     const auto mapping = std::find_if(
@@ -323,6 +325,7 @@ std::vector<std::string> VlanEngine::check(u32 direction, const VlanTables &tabl
 {
     const std::string where = direction == L2RES_VLAN_EGRESS ? "egress " : "ingress ";
     std::vector<std::string> differences;
+    std::lock_guard lock(mutex_);
     checkBooked(differences, where, tables, half(direction).mappings);
     checkCommands(differences, where, tables, half(direction).commands);
     checkHeld(differences, where, tables, half(direction).mappings);

@@ -33,7 +33,8 @@
  * copying from a tag that is not there keeps. A new tag starts as TPID 0x8100, VID 0, priority 0. A
  * frame whose profile and format have no mapping passes as it is.
  *
- * Threads: as the module's VLAN operations, one at a time.
+ * Threads: any. The sink is told with the engine's mutex held. check() reads the module's tables, which
+ * nobody guards: not beside an assignment or release.
  */
 #ifndef HOST_VLAN_ENGINE_H
 #define HOST_VLAN_ENGINE_H
@@ -41,6 +42,7 @@
 #include <array>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -111,12 +113,14 @@ public:
         }
     };
     /* What is held, for a look at it: commands by id; mappings, the newest last. */
-    const std::map<u16, VlanEditCommand> &commands(u32 direction) const
+    std::map<u16, VlanEditCommand> commands(u32 direction) const
     {
+        std::lock_guard lock(mutex_);
         return half(direction).commands;
     }
-    const std::vector<Mapping> &mappings(u32 direction) const
+    std::vector<Mapping> mappings(u32 direction) const
     {
+        std::lock_guard lock(mutex_);
         return half(direction).mappings;
     }
 
@@ -135,8 +139,9 @@ private:
     static void addMapping(Half &half, u16 profileId, u32 tagFormat, u16 commandId);
     static void removeMapping(Half &half, u16 profileId, u32 tagFormat, u16 commandId);
 
-    std::array<Half, 2> halves_; // ingress, egress
-    Sink refusals_;
+    const Sink refusals_;
+    mutable std::mutex mutex_;
+    std::array<Half, 2> halves_; // ingress, egress; guarded by mutex_
 };
 
 } // namespace host

@@ -1,6 +1,8 @@
 /* The simulated engine's VLAN half: what it refuses, how it edits, and that its check can fail. */
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "engine/vlan_engine.h"
 #include "vlan/vlan_support.h"
 
@@ -126,4 +128,22 @@ TEST(VlanEngine, CheckListsEachKindOfDifference)
     expect({entry + "names a free profile", entry + "names a free command"});
     mappings[3] = {};
     expect({"ingress engine mapping (profile 4, format 2, command 1) is booked nowhere"});
+}
+
+/* What a missing lock breaks, a thread sanitizer says. */
+TEST(VlanEngine, MayBeLookedAtWhileItIsProgrammed)
+{
+    VlanEngine engine([](std::string_view) {});
+    std::jthread component([&] {
+        for (u16 id = 1; id < L2RES_VLAN_COMMAND_COUNT; ++id) {
+            const VlanEditInfo info = vlan::Info(5, 2);
+            engine.program(&info, 4, id, 0x35);
+        }
+    });
+    std::size_t seen = 0;
+    while (seen < L2RES_VLAN_COMMAND_COUNT - 1) {
+        seen = engine.commands(1).size();
+        EXPECT_GE(engine.mappings(1).size(), seen);
+        engine.send(1, 4, {VlanTag{}}, kEntry);
+    }
 }
