@@ -1,5 +1,6 @@
 #include "assembly.h"
 
+#include "inspect/record_json.h"
 #include "zir_timer.h"
 
 namespace host {
@@ -17,7 +18,12 @@ void start(Host &host, const Options &options)
     if (host.json) {
         host.printer.sendEventsToStandardError();
     }
-    host.module.setLedger(host.ledger);
+    // From the outside in: what is said of a call comes beneath its result, and the scenario hears of a
+    // notification when everybody else has. The recorder comes last, next to the module.
+    for (crossing::Listener *listener : std::initializer_list<crossing::Listener *>{
+             &host.notifications, &host.ledger, &host.reasons, &host.lines}) {
+        crossing::attach(*listener);
+    }
     // The timers of phase 2 run at the speed that is set when they are started.
     host.clock.setSpeed(options.speed);
     ZIR_TimerSetSpeed(options.speed);
@@ -32,11 +38,12 @@ void start(Host &host, const Options &options)
     }
     host.services.start(options.services);
     host.module.start(options.module);
+    host.inspector.attach(host.module, host.services.partition());
     if (!options.metrics.empty()) {
         host.metrics.start(options.metrics, options.script, options.module);
     }
-    host.inspector.attach(host.module, host.services.partition());
     host.leftovers.remember(host.module);
+    const auto quiet = Printer::quietThread();
     host.hooks.lend(host.module.table());
 }
 

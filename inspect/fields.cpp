@@ -52,24 +52,10 @@ std::string formatFields(std::span<const Field> fields)
     return out;
 }
 
-std::vector<Field> keyFields(const L2ResIcibKey &key)
+std::string notWithin(const std::string &what, u64 value, u64 low, u64 high)
 {
-    constexpr auto quiet = Field::Show::unlessEmpty;
-    return {{"keytype", key.keyType, quiet},
-            {"port", key.GlobalPort, quiet},
-            {"vsi", key.Vsi, quiet},
-            {"attr1", key.keyAttr1, quiet},
-            {"outvlan", key.OutVlan, quiet},
-            {"attr2", key.keyAttr2, quiet},
-            {"innervlan", key.InnerVlan, quiet},
-            {"attr3", key.keyAttr3, quiet},
-            {"pri", key.Pri, quiet},
-            {"vdc", key.Vdc, quiet}};
-}
-
-std::vector<Field> keyFields(const L2ResIpatKey &key)
-{
-    return {{"unit", key.unit}, {"port", key.port}};
+    return what + " " + std::to_string(value) + " is not " + std::to_string(low) + " to " +
+           std::to_string(high);
 }
 
 } // namespace inspect

@@ -6,9 +6,7 @@
 #include <string>
 #include <string_view>
 #include <variant>
-#include <vector>
 
-#include "l2rsm_arbitration.h"
 #include "qor_types.h"
 
 namespace inspect {
@@ -27,9 +25,8 @@ std::string formatFields(std::span<const Field> fields);
 /* "text" with what a terminal cannot show escaped, in double quotes. */
 std::string quoted(std::string_view text);
 
-/* A key's; zeroes of an ICIB key are not printed. */
-std::vector<Field> keyFields(const L2ResIcibKey &key);
-std::vector<Field> keyFields(const L2ResIpatKey &key);
+/* "service 9 is not 0 to 8" */
+std::string notWithin(const std::string &what, u64 value, u64 low, u64 high);
 
 } // namespace inspect
 

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <map>
 
-#include "inspect/fields.h"
+#include "inspect/records.h"
 #include "qor_epoll.h"
 
 namespace inspect {

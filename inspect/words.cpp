@@ -33,6 +33,17 @@ const char *directionName(u32 direction)
     return direction == L2RES_VLAN_EGRESS ? "egress" : "ingress";
 }
 
+const char *debugLevelName(u32 level)
+{
+    static const char *const names[] = {"?", "?", "error", "warning", "info"};
+    return level < std::size(names) ? names[level] : "?";
+}
+
+const char *blackBoxLevelName(u32 level)
+{
+    return level == 0 ? "event" : "error";
+}
+
 const char *tokenMeaning(u32 result)
 {
     switch (result) {

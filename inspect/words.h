@@ -20,6 +20,9 @@ const char *opName(u32 op);
 const char *eventName(u32 event);         // "free", "idle"
 const char *directionName(u32 direction); // "ingress", "egress"
 
+const char *debugLevelName(u32 level);    // "error", "warning", "info"
+const char *blackBoxLevelName(u32 level); // "event", "error"
+
 /* What a token result means: "proceed", "refused", ... */
 const char *tokenMeaning(u32 result);
 

@@ -3,57 +3,28 @@
 #include <stdexcept>
 #include <string>
 
-#include "inspect/words.h"
-
 namespace host {
 
 static Hooks *s_hooks; // hooks carry no context; there is one engine in the process
 
-Hooks::Hooks(Journal &journal, const Engine &engine, VlanEngine &vlanEngine)
-    : journal_(journal), engine_(engine), vlanEngine_(vlanEngine)
+Hooks::Hooks(const Engine &engine, VlanEngine &vlanEngine)
+    : engine_(engine), vlanEngine_(vlanEngine)
 {
     s_hooks = this;
 }
 
-u32 Hooks::report(u32 type, u32 *total, u32 *used, u32 *idle)
+template <u32 Type> u32 Hooks::countHook(u32 *total, u32 *used, u32 *idle)
 {
-    const Counts counts = engine_.get(type);
+    const Counts counts = s_hooks->engine_.get(Type);
     *total = counts.total;
     *used = counts.used;
     *idle = counts.idle;
-    journal_.write(Kind::hook, "hook.count",
-                   {{"table", engineTableName(type)},
-                    {"total", counts.total},
-                    {"used", counts.used},
-                    {"idle", counts.idle}},
-                   counts.result);
     return counts.result;
-}
-
-template <u32 Type> u32 Hooks::countHook(u32 *total, u32 *used, u32 *idle)
-{
-    return s_hooks->report(Type, total, used, idle);
 }
 
 u32 Hooks::vlanHook(const VlanEditInfo *info, u16 profileId, u16 commandId, u32 flag)
 {
-    const u32 result = s_hooks->vlanEngine_.program(info, profileId, commandId, flag);
-    s_hooks->journal_.write(Kind::hook, "hook.vlan",
-                            {{"service", info->servType},
-                             {"format", info->tagFormat},
-                             {"outer_tag", info->outerTag},
-                             {"inner_tag", info->innerTag},
-                             {"outer_pri", info->outerPri},
-                             {"inner_pri", info->innerPri},
-                             {"outer_tpid", info->outerTpid},
-                             {"inner_tpid", info->innerTpid},
-                             {"outer_tpid_action", info->outerTpidAction},
-                             {"inner_tpid_action", info->innerTpidAction},
-                             {"profile", profileId},
-                             {"command", commandId},
-                             {"flag", flag}},
-                            result);
-    return result;
+    return s_hooks->vlanEngine_.program(info, profileId, commandId, flag);
 }
 
 void Hooks::lend(const L2RsmFunVtbl &module)

@@ -2,7 +2,6 @@
 #ifndef HOST_HOOKS_H
 #define HOST_HOOKS_H
 
-#include "crossing/journal.h"
 #include "engine/engine.h"
 #include "engine/vlan_engine.h"
 #include "l2rsm_component.h"
@@ -11,7 +10,7 @@ namespace host {
 
 class Hooks {
 public:
-    Hooks(Journal &journal, const Engine &engine, VlanEngine &vlanEngine);
+    Hooks(const Engine &engine, VlanEngine &vlanEngine);
 
     /* Lends them through the module's table. Throws when one is refused. */
     void lend(const L2RsmFunVtbl &module);
@@ -19,9 +18,7 @@ public:
 private:
     template <u32 Type> static u32 countHook(u32 *total, u32 *used, u32 *idle);
     static u32 vlanHook(const VlanEditInfo *info, u16 profileId, u16 commandId, u32 flag);
-    u32 report(u32 type, u32 *total, u32 *used, u32 *idle);
 
-    Journal &journal_;
     const Engine &engine_;
     VlanEngine &vlanEngine_;
 };

@@ -84,58 +84,47 @@ static TimeRecord timeRecord(DeviceTime now)
 enum { BAD_ARGUMENT = 22 };
 
 struct Services::Tables {
-    static u32 initPartition(u32 memoryId, const char *name)
+    static u32 initPartition(u32, const char *)
     {
-        return s_services->traced("memory.initPartition", {{"id", memoryId}, {"name", name}}, 0);
+        return QOR_OK;
     }
 
-    static u32 getPartitionNumber(u32 memoryId, const char *name)
+    static u32 getPartitionNumber(u32, const char *)
     {
-        return s_services->traced("memory.getPartitionNumber", {{"id", memoryId}, {"name", name}},
-                                  s_services->options_.partition);
+        return s_services->options_.partition;
     }
 
     static u32 getSysTime(L2ResAlarmTime *now)
     {
-        const TimeRecord record = timeRecord(s_services->journal_.clock().now());
+        const TimeRecord record = timeRecord(s_services->clock_.now());
         std::memcpy(now, &record, sizeof record);
-        return s_services->traced("time.getSysTime", {}, 0);
+        return QOR_OK;
     }
 
     static u32 getSelfSlot()
     {
-        return s_services->traced("orchestration.getSelfSlot", {}, s_services->options_.slot);
+        return s_services->options_.slot;
     }
 
-    static u32 objCreate(u32 objectKind, u32 alarmId, L2ResAlarmHandle *object)
+    static u32 objCreate(u32, u32 alarmId, L2ResAlarmHandle *object)
     {
-        {
-            std::lock_guard lock(s_services->mutex_);
-            *object = ++s_services->lastHandle_;
-            s_services->objects_[*object].id = alarmId;
-        }
-        return s_services->traced(
-            "log.objCreate", {{"kind", objectKind}, {"alarm", alarmId}, {"object", *object}}, 0);
+        std::lock_guard lock(s_services->mutex_);
+        *object = ++s_services->lastHandle_;
+        s_services->objects_[*object].id = alarmId;
+        return QOR_OK;
     }
 
     /* Applies `change` to a live object; the operation's result. */
-    template <class Change>
-    static u32 withObject(const char *operation, L2ResAlarmHandle handle, Change change)
+    template <class Change> static u32 withObject(L2ResAlarmHandle handle, Change change)
     {
-        u32 result = BAD_ARGUMENT;
-        {
-            std::lock_guard lock(s_services->mutex_);
-            const auto object = s_services->objects_.find(handle);
-            if (object != s_services->objects_.end()) {
-                result = change(object->second);
-            }
-        }
-        return s_services->traced(operation, {{"object", handle}}, result);
+        std::lock_guard lock(s_services->mutex_);
+        const auto object = s_services->objects_.find(handle);
+        return object == s_services->objects_.end() ? u32{BAD_ARGUMENT} : change(object->second);
     }
 
     static u32 setAlarmComAttr(L2ResAlarmHandle handle, L2ResAlarmAttr *attributes)
     {
-        return withObject("log.setAlarmComAttr", handle, [&](AlarmObject &object) -> u32 {
+        return withObject(handle, [&](AlarmObject &object) -> u32 {
             if (attributes == nullptr || attributes->time == nullptr) {
                 return BAD_ARGUMENT;
             }
@@ -147,7 +136,7 @@ struct Services::Tables {
 
     static u32 addPara(L2ResAlarmHandle handle, u32 type, u32 length, const void *value)
     {
-        return withObject("log.addPara", handle, [&](AlarmObject &object) -> u32 {
+        return withObject(handle, [&](AlarmObject &object) -> u32 {
             if (value == nullptr || (type == L2RES_PARA_NUMBER && length != sizeof(u32)) ||
                 (type != L2RES_PARA_NUMBER && type != L2RES_PARA_TEXT)) {
                 return BAD_ARGUMENT;
@@ -168,43 +157,32 @@ struct Services::Tables {
 
     static u32 objFree(L2ResAlarmHandle handle)
     {
-        u32 result = BAD_ARGUMENT;
-        {
-            std::lock_guard lock(s_services->mutex_);
-            result = s_services->objects_.erase(handle) != 0 ? 0 : BAD_ARGUMENT;
-        }
-        return s_services->traced("log.objFree", {{"object", handle}}, result);
+        std::lock_guard lock(s_services->mutex_);
+        return s_services->objects_.erase(handle) != 0 ? u32{QOR_OK} : u32{BAD_ARGUMENT};
     }
 
-    static u32 registerLog(const char *name, u32 *id)
+    static u32 registerLog(const char *, u32 *id)
     {
-        {
-            std::lock_guard lock(s_services->mutex_);
-            s_services->logModules_.emplace_back(name);
-            *id = static_cast<u32>(s_services->logModules_.size());
-        }
-        return s_services->traced("debuglog.register", {{"name", name}, {"id", *id}}, 0);
+        std::lock_guard lock(s_services->mutex_);
+        *id = ++s_services->logModules_;
+        return QOR_OK;
     }
 
-    static void printLog(u32 id, u32 level, const char *text)
+    static void printLog(u32, u32 level, const char *text)
     {
-        s_services->printLog(id, level, text);
+        s_services->printLog(level, text);
     }
 
-    static u32 registerBlackBox(const char *name, const char *description, u32 *id)
+    static u32 registerBlackBox(const char *, const char *, u32 *id)
     {
-        {
-            std::lock_guard lock(s_services->mutex_);
-            s_services->blackBoxModules_.emplace_back(name);
-            *id = static_cast<u32>(s_services->blackBoxModules_.size());
-        }
-        return s_services->traced("blackbox.register",
-                                  {{"name", name}, {"description", description}, {"id", *id}}, 0);
+        std::lock_guard lock(s_services->mutex_);
+        *id = ++s_services->blackBoxModules_;
+        return QOR_OK;
     }
 
-    static void printBlackBox(u32 id, u32 level, const char *text)
+    static void printBlackBox(u32, u32 level, const char *text)
     {
-        s_services->printBlackBox(id, level, text);
+        s_services->printBlackBox(level, text);
     }
 
     static u32 queryInterface(void *factory, u32 interfaceId, void **out);
@@ -257,7 +235,8 @@ u32 Services::Tables::createInstance(void *, u32 interfaceId, void **out)
     return QOR_FAIL;
 }
 
-Services::Services(Journal &journal) : journal_(journal)
+Services::Services(const Clock &clock, OnChange onChange)
+    : clock_(clock), onChange_(std::move(onChange))
 {
     s_services = this;
 }
@@ -280,12 +259,6 @@ void Services::start(const ServiceOptions &options)
     }
 }
 
-u32 Services::traced(const char *operation, std::initializer_list<Field> fields, u32 result)
-{
-    journal_.write(Kind::service, operation, fields, result);
-    return result;
-}
-
 /* ---- alarms ---- */
 
 u32 Services::send(L2ResAlarmHandle handle)
@@ -295,7 +268,7 @@ u32 Services::send(L2ResAlarmHandle handle)
         std::lock_guard lock(mutex_);
         const auto node = objects_.extract(handle); // sent or not, the object is ours now
         if (node.empty()) {
-            return traced("log.send", {{"object", handle}}, BAD_ARGUMENT);
+            return BAD_ARGUMENT;
         }
         object = std::move(node.mapped());
     }
@@ -305,7 +278,7 @@ u32 Services::send(L2ResAlarmHandle handle)
     if (complete) {
         changeAlarm(object);
     }
-    return traced("log.send", {{"object", handle}}, complete ? 0 : BAD_ARGUMENT);
+    return complete ? u32{QOR_OK} : u32{BAD_ARGUMENT};
 }
 
 static void noteChange(Alarm &alarm, bool raise, u32 threshold, DeviceTime now)
@@ -329,9 +302,9 @@ void Services::changeAlarm(const AlarmObject &object)
     what += raise && alarm.on ? " again" : "";
     alarm.raised = raise ? (alarm.on ? alarm.raised + 1 : 1) : alarm.raised;
     if (alarm.on != raise) {
-        alarm.since = journal_.clock().now();
+        alarm.since = clock_.now();
     }
-    noteChange(alarm, raise, object.numbers[0], journal_.clock().now());
+    noteChange(alarm, raise, object.numbers[0], clock_.now());
     alarm.on = raise;
     alarm.code = code;
     alarm.threshold = object.numbers[0];
@@ -339,10 +312,7 @@ void Services::changeAlarm(const AlarmObject &object)
     alarm.text = object.texts[1];
     ++alarmChanges_;
     what += ": " + object.texts[0];
-    journal_.write(Kind::alarm, what,
-                   {{"threshold", object.numbers[0]},
-                    {"code", object.numbers[1]},
-                    {"text", std::string_view(object.texts[1])}});
+    onChange_(what, alarm);
 }
 
 std::vector<Alarm> Services::alarms() const
@@ -368,23 +338,16 @@ static std::string logLine(DeviceTime now, const char *level, const char *text)
     return "[" + formatTime(now) + "] " + level + " " + text + "\n";
 }
 
-void Services::printLog(u32 id, u32 level, const char *text)
+void Services::printLog(u32 level, const char *text)
 {
-    static const char *const names[] = {"?", "?", "error", "warning", "info"};
-    const char *name = level < std::size(names) ? names[level] : "?";
-    journal_.write(Kind::log, "debuglog",
-                   {{"level", name}, {"module", id}, {"text", std::string_view(text)}});
     if (level <= options_.debugLevel) {
-        debugLog_.write(logLine(journal_.clock().now(), name, text));
+        debugLog_.write(logLine(clock_.now(), debugLevelName(level), text));
     }
 }
 
-void Services::printBlackBox(u32 id, u32 level, const char *text)
+void Services::printBlackBox(u32 level, const char *text)
 {
-    const char *name = level == 0 ? "event" : "error";
-    journal_.write(Kind::log, "blackbox",
-                   {{"level", name}, {"module", id}, {"text", std::string_view(text)}});
-    blackBox_.write(logLine(journal_.clock().now(), name, text));
+    blackBox_.write(logLine(clock_.now(), blackBoxLevelName(level), text));
 }
 
 std::string Services::failure() const

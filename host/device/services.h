@@ -14,16 +14,21 @@
 #define HOST_SERVICES_H
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "crossing/journal.h"
+#include "device/clock.h"
+#include "inspect/words.h"
 #include "l2rsm_services.h"
 
 namespace host {
+
+using namespace inspect;
 
 /* The time service's record. Year 2000 is when the device was started. */
 struct TimeRecord {
@@ -76,7 +81,10 @@ struct ServiceOptions {
 
 class Services {
 public:
-    explicit Services(Journal &journal);
+    /* Told of each change, before anybody else can see it: with the services' mutex held. */
+    using OnChange = std::function<void(std::string_view what, const Alarm &alarm)>;
+
+    Services(const Clock &clock, OnChange onChange);
 
     /* Opens the files and registers component 1000. Throws when a file or the registry fails. */
     void start(const ServiceOptions &options);
@@ -99,20 +107,20 @@ private:
     };
     struct Tables; // the functions behind the six tables
 
-    u32 traced(const char *operation, std::initializer_list<Field> fields, u32 result);
     u32 send(L2ResAlarmHandle handle);
     void changeAlarm(const AlarmObject &object);
-    void printLog(u32 id, u32 level, const char *text);
-    void printBlackBox(u32 id, u32 level, const char *text);
+    void printLog(u32 level, const char *text);
+    void printBlackBox(u32 level, const char *text);
 
-    Journal &journal_;
+    const Clock &clock_;
+    const OnChange onChange_;
     ServiceOptions options_;
     LineFile debugLog_, blackBox_;
     mutable std::mutex mutex_; // guards what follows
     L2ResAlarmHandle lastHandle_ = 0;
     std::map<L2ResAlarmHandle, AlarmObject> objects_;
     std::map<u32, Alarm> alarms_;
-    std::vector<std::string> logModules_, blackBoxModules_; // id 1 first
+    u32 logModules_ = 0, blackBoxModules_ = 0; // registered
     u64 alarmChanges_ = 0;
 };
 

@@ -4,6 +4,9 @@
 
 #include <cstdio>
 
+#include "record/passages.h"
+#include "watch/journal.h"
+
 namespace host {
 
 /* Calls into the module that the thread is in. */
@@ -50,7 +53,7 @@ void Recorder::start(const std::string &path, const Value &options)
         {"format", recordFormat}, {"version", recordVersion}, {"options", options}};
     file_.write(header.dump(-1, ' ', false, Value::error_handler_t::replace) + "\n");
     stopped_ = false;
-    boundary::record(*this);
+    crossing::attach(*this);
 }
 
 /* Number, time, thread and kind come first, for whoever reads the file. Returns the number. */
@@ -87,44 +90,39 @@ void Recorder::finish()
     gate_.leave();
 }
 
-/* ---- crossings ---- */
+/* ---- passages ---- */
 
-void Recorder::in(const char *operation, const Value &arguments, const Run &run)
+void Recorder::pass(crossing::Passage &passage, const crossing::Next &next)
+{
+    if (crossing::isInwards(passage.event)) {
+        recordIn(passage, next);
+    } else {
+        recordOut(passage, next);
+    }
+}
+
+void Recorder::recordIn(crossing::Passage &passage, const crossing::Next &next)
 {
     gate_.enter();
-    const u64 number = write("in", operation, arguments);
+    const u64 number = write("in", operationOf(passage.event), argumentsOf(passage.event));
     ++t_depth;
-    const Value results = run();
+    next();
     --t_depth;
-    write("result", number, results);
+    write("result", number, resultsOf(passage));
     gate_.leave();
 }
 
-Value Recorder::out(const char *operation, const Value &arguments, const Run &real)
+void Recorder::recordOut(crossing::Passage &passage, const crossing::Next &next)
 {
     // Outside any call, at the worker's start-up, the module may hold what a call waits for: no
     // gate, and nothing that a replay could put in its place.
-    if (t_depth == 0) {
-        write("stray", operation, arguments);
-        return real();
+    const bool stray = t_depth == 0;
+    const u64 number =
+        write(stray ? "stray" : "out", operationOf(passage.event), argumentsOf(passage.event));
+    next();
+    if (!stray && !std::holds_alternative<crossing::LogLine>(passage.event)) {
+        write("answer", number, resultsOf(passage));
     }
-    const u64 number = write("out", operation, arguments);
-    const Value answer = real();
-    write("answer", number, answer);
-    return answer;
-}
-
-void Recorder::tell(const char *operation, const Value &arguments,
-                    const std::function<void()> &real)
-{
-    write(t_depth == 0 ? "stray" : "out", operation, arguments);
-    real();
-}
-
-void Recorder::badAnswer(const std::string &why)
-{
-    std::fprintf(stderr, "l2rsm-host: recording: %s\n", why.c_str());
-    _exit(1);
 }
 
 } // namespace host

@@ -1,5 +1,5 @@
 /*
- * Writes every crossing of the module's boundary to a file (docs/recording.md).
+ * Writes everything that passes the crossing to a file (docs/recording.md).
  *
  * The order in the file is the order of execution: calls into the module are made one at a time,
  * each with everything that happens inside it, the worker's messages and the timers' ticks among
@@ -16,16 +16,16 @@
 #include <string>
 #include <thread>
 
-#include "crossing/boundary.h"
-#include "crossing/journal.h"
+#include "crossing/crossing.h"
 #include "device/services.h"
+#include "inspect/record_json.h"
 
 namespace host {
 
 inline constexpr const char *recordFormat = "l2rsm-record";
 inline constexpr u32 recordVersion = 1;
 
-class Recorder : public Crossings {
+class Recorder : public crossing::Listener {
 public:
     explicit Recorder(const Clock &clock) : clock_(clock)
     {
@@ -43,11 +43,7 @@ public:
         return file_.failure();
     }
 
-    void in(const char *operation, const Value &arguments, const Run &run) override;
-    Value out(const char *operation, const Value &arguments, const Run &real) override;
-    void tell(const char *operation, const Value &arguments,
-              const std::function<void()> &real) override;
-    [[noreturn]] void badAnswer(const std::string &why) override;
+    void pass(crossing::Passage &passage, const crossing::Next &next) override;
 
 private:
     /* One thread at a time, as often as it likes; the others in the order they came. */
@@ -64,6 +60,8 @@ private:
         u64 nextTicket_ = 0, serving_ = 0;
     };
 
+    void recordIn(crossing::Passage &passage, const crossing::Next &next);
+    void recordOut(crossing::Passage &passage, const crossing::Next &next);
     u64 write(const char *kind, const Value &what, const Value &fields);
 
     const Clock &clock_;

@@ -12,7 +12,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "crossing/boundary.h"
+#include "crossing/crossing.h"
+#include "record/passages.h"
 #include "record/recorder.h"
 #include "watch/progress.h"
 
@@ -186,7 +187,7 @@ std::optional<Line> RecordFile::next()
 
 /* ---- playing ---- */
 
-class Replayer : public Crossings {
+class Replayer : public crossing::Listener {
 public:
     explicit Replayer(const ReplayOptions &options)
         : options_(options), file_(options.record, options.partial)
@@ -195,16 +196,14 @@ public:
 
     int run();
 
-    [[noreturn]] void in(const char *operation, const Value &arguments, const Run &run) override;
-    Value out(const char *operation, const Value &arguments, const Run &real) override;
-    void tell(const char *operation, const Value &arguments,
-              const std::function<void()> &real) override;
-    [[noreturn]] void badAnswer(const std::string &why) override;
+    void pass(crossing::Passage &passage, const crossing::Next &next) override;
 
 private:
     Line next();
     void playInput(Line input);
-    Line compareOut(const char *operation, const Value &arguments);
+    void playAnswer(crossing::Passage &passage);
+    Value answerTo(u64 number);
+    [[noreturn]] void badAnswer(const std::string &why);
     void compare(const Line &expected, const char *kind, const Value &what, const Value &fields);
     void loadModule() const;
     void printCounts(const char *where);
@@ -271,19 +270,12 @@ void Replayer::playInput(Line input)
     ++inputs_;
     open_.push_back(input);
     before_.push_back(input.text);
-    Value results;
     try {
-        results = boundary::play(input.operation, input.fields);
+        play(input.operation, input.fields);
     } catch (const std::exception &error) {
         refuse(file_.position() + ": cannot play " + input.operation + ": " + error.what());
     }
-    compare(next(), "result", input.number, results);
     open_.pop_back();
-}
-
-void Replayer::in(const char *operation, const Value &, const Run &)
-{
-    refuse(std::string("in a replay nobody calls ") + operation);
 }
 
 /* What the module does must be the record's next line. */
@@ -305,18 +297,35 @@ void Replayer::compare(const Line &expected, const char *kind, const Value &what
     }
 }
 
-Line Replayer::compareOut(const char *operation, const Value &arguments)
+void Replayer::pass(crossing::Passage &passage, const crossing::Next &next)
 {
-    Line expected = next();
-    compare(expected, "out", operation, arguments);
-    return expected;
+    if (crossing::isInwards(passage.event)) {
+        next();
+        compare(this->next(), "result", open_.back().number, resultsOf(passage));
+    } else {
+        playAnswer(passage);
+    }
 }
 
-Value Replayer::out(const char *operation, const Value &arguments, const Run &)
+void Replayer::playAnswer(crossing::Passage &passage)
 {
-    const u64 number = compareOut(operation, arguments).number;
+    const Line expected = next();
+    compare(expected, "out", operationOf(passage.event), argumentsOf(passage.event));
+    if (std::holds_alternative<crossing::LogLine>(passage.event)) {
+        return;
+    }
+    const Value recorded = answerTo(expected.number);
+    try {
+        answer(passage, recorded);
+    } catch (const std::exception &error) {
+        badAnswer(error.what());
+    }
+}
+
+/* Until the answer comes, what was called may itself have called the module. */
+Value Replayer::answerTo(u64 number)
+{
     for (;;) {
-        // Until the answer comes, what was called may itself have called the module.
         Line line = next();
         if (line.kind == "answer" && line.of == number) {
             ++inputs_;
@@ -328,11 +337,6 @@ Value Replayer::out(const char *operation, const Value &arguments, const Run &)
         }
         playInput(std::move(line));
     }
-}
-
-void Replayer::tell(const char *operation, const Value &arguments, const std::function<void()> &)
-{
-    compareOut(operation, arguments);
 }
 
 void Replayer::differ(const Line &expected, const std::string &got)
@@ -356,12 +360,13 @@ void Replayer::loadModule() const
     if (handle == nullptr) {
         throw std::runtime_error(std::string("cannot load the module: ") + dlerror());
     }
-    boundary::setModule(handle);
+    crossing::setModule(handle);
 }
 
 int Replayer::run()
 {
-    boundary::replay(*this);
+    crossing::attach(*this);
+    crossing::leaveAlone();
     loadModule();
     progress_.emplace("replay, bytes", file_.size());
     for (;;) {

@@ -7,22 +7,24 @@
 #ifndef HOST_HOST_H
 #define HOST_HOST_H
 
-#include "crossing/journal.h"
 #include "device/hooks.h"
+#include "device/module.h"
 #include "device/services.h"
 #include "engine/engine.h"
 #include "engine/vlan_engine.h"
 #include "inspect/module_state.h"
 #include "record/recorder.h"
+#include "script/notifications.h"
 #include "script/scenario.h"
+#include "watch/journal.h"
 #include "watch/ledger.h"
 #include "watch/leftovers.h"
+#include "watch/lines.h"
 #include "watch/log_capture.h"
 #include "watch/log_history.h"
 #include "watch/metrics.h"
-#include "watch/module.h"
-#include "watch/notifications.h"
 #include "watch/printer.h"
+#include "watch/reasons.h"
 
 namespace host {
 
@@ -30,22 +32,28 @@ struct Host {
     Clock clock;
     Journal journal{clock};
     Printer printer;
-    Services services{journal};
+    Services services{clock, [this](std::string_view what, const Alarm &alarm) {
+                          journal.write(Kind::alarm, what,
+                                        {{"threshold", alarm.threshold},
+                                         {"code", alarm.code},
+                                         {"text", std::string_view(alarm.text)}});
+                      }};
     Engine engine;
     VlanEngine vlanEngine{[this](std::string_view line) { journal.write(Kind::text, line, {}); }};
-    Hooks hooks{journal, engine, vlanEngine};
+    Hooks hooks{engine, vlanEngine};
     LogCapture logCapture;
     LogHistory logHistory;
     Recorder recorder{clock};
-    Module module{journal};
+    Module module;
+    Lines lines{journal};
+    Reasons reasons{journal, module};
     Metrics metrics{module, services};
     Inspector inspector;
     Ledger ledger{journal, inspector};
     Leftovers leftovers;
     bool json = false; // what the show functions print when they are not told
     Scenario scenario{*this};
-    Notifications notifications{journal,
-                                [this](const Notification &n) { return scenario.handle(n); }};
+    Notifications notifications{[this](const Notification &n) { return scenario.handle(n); }};
 };
 
 } // namespace host

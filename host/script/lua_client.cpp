@@ -6,7 +6,6 @@
 #include "l2rsm_client.h"
 #include "script/host.h"
 #include "script/lua_api.h"
-#include "watch/client_table.h"
 
 namespace host {
 
@@ -52,10 +51,9 @@ static int hostLoad(Call &call)
         throw ScriptError("host.load: " + path + " has no " L2RSM_CLIENT_START);
     }
     Journal &journal = call.host.journal;
-    const L2RsmFunVtbl *table = clientTable(call.host.module, journal, call.host.ledger);
     const std::string name = std::filesystem::path(path).filename();
     const u64 number = journal.write(Kind::call, "host.load", {{"file", std::string_view(name)}});
-    const u32 result = start(table);
+    const u32 result = start(&call.host.module.table());
     journal.writeResult(number, "host.load", result, result == QOR_OK ? "started" : "failed");
     return call.push(result);
 }

@@ -1,9 +1,9 @@
 /* show: the module's state, the engine and the services, as tables or JSON. */
 #include "script/host.h"
 #include "script/lua_api.h"
+#include "script/notifications.h"
 #include "script/show_output.h"
 #include "watch/leftovers.h"
-#include "watch/notifications.h"
 
 namespace host {
 
@@ -56,7 +56,7 @@ static Object waiterObject(const Call &call, const EntryState &entry, const L2Re
     Object object = requestObject(waiter.op.SrvType, waiter.op.Op, waiter.op.Stamp);
     object["service"] = waiter.srvType;
     object["state"] = wasNotified(waiter) ? "notified" : "waiting";
-    if (const auto since = call.host.ledger.waiterSince(entry.table, waiter)) {
+    if (const auto since = call.host.ledger.waiterSince(entry, waiter)) {
         object["age"] = secondsSince(call, *since);
     }
     return object;
@@ -348,13 +348,10 @@ static std::vector<Object> registrations(const Call &call)
                 continue;
             }
             const auto callback = callbackOf(table, service);
-            const bool own = callback == Notifications::callback(table, service);
             rows.push_back({{"kind", "registration"},
                             {"table", tableName(table)},
                             {"service", service},
-                            {"callback", callback == nullptr ? "none"
-                                         : own               ? "scenario"
-                                                             : "component"}});
+                            {"callback", Notifications::ownerOf(callback, table, service)}});
         }
     }
     return rows;

@@ -1,4 +1,5 @@
 /* icib, ipat, ecib, notify, on: services register, take and free tokens, and are notified. */
+#include "inspect/records.h"
 #include "script/host.h"
 #include "script/lua_api.h"
 
@@ -46,16 +47,9 @@ static const Param s_freedOp = param::choice(
 static L2ResIcibKey icibKey(const Values &args)
 {
     L2ResIcibKey key{};
-    key.keyType = args.integer<u32>("keytype");
-    key.GlobalPort = args.integer<u16>("port");
-    key.Vsi = args.integer<u16>("vsi");
-    key.OutVlan = args.integer<u16>("outvlan");
-    key.InnerVlan = args.integer<u16>("innervlan");
-    key.Pri = args.integer<u32>("pri");
-    key.Vdc = args.integer<u32>("vdc");
-    key.keyAttr1 = args.integer<u32>("attr1");
-    key.keyAttr2 = args.integer<u32>("attr2");
-    key.keyAttr3 = args.integer<u32>("attr3");
+    eachField(key, [&](const Row &row, auto &field) {
+        field = args.integer<std::remove_reference_t<decltype(field)>>(row.word);
+    });
     return key;
 }
 
@@ -131,15 +125,17 @@ static int icibShow(Call &call)
 
 /* ---- registration ---- */
 
-template <u32 (Module::*Register)(u32)> static int registerService(Call &call)
+template <u32 (Module::*Register)(u32, L2ResNotifyCallback)> static int registerService(Call &call)
 {
-    return call.push((call.host.module.*Register)(call.args.integer<u32>("service")));
+    return call.push(
+        (call.host.module.*Register)(call.args.integer<u32>("service"), Notifications::callback));
 }
 
 static int notifyRegister(Call &call)
 {
     return call.push(call.host.module.notifyRegister(call.args.integer<u32>("table"),
-                                                     call.args.integer<u32>("service")));
+                                                     call.args.integer<u32>("service"),
+                                                     Notifications::callback));
 }
 
 static int onNotify(Call &call)

@@ -15,7 +15,8 @@
 #include <optional>
 #include <string>
 
-#include "watch/notifications.h"
+#include "device/clock.h"
+#include "script/notifications.h"
 
 namespace host {
 

@@ -436,8 +436,8 @@ StressReport Stress::run()
     const auto quiet = host_.printer.quietAll();
     const Ledger::Pause pause(host_.ledger);
     for (u32 service = 0; service < options_.clients; ++service) {
-        host_.module.icibRegister(service);
-        host_.module.ipatRegister(service);
+        host_.module.icibRegister(service, Notifications::callback);
+        host_.module.ipatRegister(service, Notifications::callback);
     }
     host_.notifications.intercept(
         [this](u32 table, u32 service, u32 event, void *record, void *data) {

@@ -1,6 +1,6 @@
 #include "watch/explain.h"
 
-#include <cstring>
+#include "l2rsm_registry.h"
 
 namespace host {
 
@@ -169,92 +169,6 @@ Ruling ruleOn(const Asked &asked, const std::optional<L2ResOpRecord> &holder, st
         ruling.reason += "; ten requests wait already, this one will not be notified";
     }
     return ruling;
-}
-
-/* ---- VLAN edits, registrations ---- */
-
-static std::string notWithin(const std::string &what, u32 value, u32 low, u32 high)
-{
-    return what + " " + std::to_string(value) + " is not " + std::to_string(low) + " to " +
-           std::to_string(high);
-}
-
-static std::string editFault(const VlanEditInfo *info, u32 direction)
-{
-    if (info == nullptr) {
-        return "there is no request";
-    }
-    return direction == L2RES_VLAN_INGRESS || direction == L2RES_VLAN_EGRESS
-               ? ""
-               : notWithin("direction", direction, L2RES_VLAN_INGRESS, L2RES_VLAN_EGRESS);
-}
-
-/* The first field that is out of its range. */
-static std::string fieldFault(const VlanEditInfo &info)
-{
-    const struct {
-        const char *name;
-        u32 value, low, high;
-    } fields[] = {
-        {"service", info.servType, 1, 12},
-        {"format", info.tagFormat, 1, 7},
-        {"outer_tag", info.outerTag, 1, 4},
-        {"inner_tag", info.innerTag, 1, 4},
-        {"outer_pri", info.outerPri, 1, 4},
-        {"inner_pri", info.innerPri, 1, 4},
-        {"outer_tpid", info.outerTpid, 0, 3},
-        {"inner_tpid", info.innerTpid, 0, 3},
-        {"outer_tpid_action", info.outerTpidAction, 1, 4},
-        {"inner_tpid_action", info.innerTpidAction, 1, 4},
-    };
-    for (const auto &field : fields) {
-        if (field.value < field.low || field.value > field.high) {
-            return notWithin(field.name, field.value, field.low, field.high);
-        }
-    }
-    return "";
-}
-
-std::string explainAssign(const VlanEditInfo *info, u32 direction, u16 profileId)
-{
-    std::string fault = editFault(info, direction);
-    if (fault.empty()) {
-        fault = fieldFault(*info);
-    }
-    if (!fault.empty()) {
-        return fault;
-    }
-    return profileId >= L2RES_VLAN_PROFILE_COUNT
-               ? "no profile id is left for service " + std::to_string(info->servType)
-               : "no command id is left; profile " + std::to_string(profileId) + " stays taken";
-}
-
-std::string explainRelease(const VlanEditInfo *info, u32 direction, const VlanTables &tables,
-                           u32 result)
-{
-    const std::string fault = editFault(info, direction);
-    if (!fault.empty()) {
-        return fault;
-    }
-    if (info->servType < 1 || info->servType > 12) {
-        return notWithin("service", info->servType, 1, 12);
-    }
-    // A refusal of the engine leaves the books as they are, so that it can be tried again.
-    for (u32 i = 1; i < L2RES_VLAN_MAPPING_COUNT; ++i) {
-        const VlanEditMapping &mapping = tables.mappings[i];
-        if (mapping.tagFormat == info->tagFormat &&
-            std::memcmp(&tables.commands[mapping.commandId % L2RES_VLAN_COMMAND_COUNT],
-                        &info->outerTag, sizeof(VlanEditCommand)) == 0) {
-            return "the engine answered " + std::to_string(result) + "; the edit stays booked";
-        }
-    }
-    return "no such edit is booked";
-}
-
-std::string explainRegistration(u32 table, u32 service)
-{
-    return table >= L2RES_TABLE_COUNT ? notWithin("table", table, 0, L2RES_TABLE_COUNT - 1)
-                                      : notWithin("service", service, 0, L2RES_SERVICE_COUNT - 1);
 }
 
 } // namespace host

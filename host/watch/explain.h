@@ -11,10 +11,12 @@
 #include <optional>
 #include <string>
 
-#include "engine/vlan_engine.h"
-#include "watch/module.h"
+#include "inspect/words.h"
+#include "l2rsm_arbitration.h"
 
 namespace host {
+
+using namespace inspect;
 
 /* A request as it reached the module; what a component left null is absent. */
 struct Asked {
@@ -35,18 +37,6 @@ struct Ruling {
 
 /* waiting: requests in the entry's list before this one. */
 Ruling ruleOn(const Asked &asked, const std::optional<L2ResOpRecord> &holder, std::size_t waiting);
-
-/*
- * Why a VLAN edit was refused; "" when the arguments tell nothing. `info` as the client gave it.
- *   assign   profileId: 64 when the module selected none
- *   release  tables: of the direction, after the call; result: the module's
- */
-std::string explainAssign(const VlanEditInfo *info, u32 direction, u16 profileId);
-std::string explainRelease(const VlanEditInfo *info, u32 direction, const VlanTables &tables,
-                           u32 result);
-
-/* Why a registration was refused. */
-std::string explainRegistration(u32 table, u32 service);
 
 } // namespace host
 

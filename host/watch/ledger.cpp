@@ -4,12 +4,46 @@
 
 namespace host {
 
-constexpr std::size_t waitersKept = 65536; // times of requests; the oldest go first
+using namespace crossing;
+
+constexpr std::size_t waitersKept = 65536;
 
 /* ---- around a call ---- */
 
-Ledger::Before Ledger::lookBefore(const Asked &asked, const void *key) const
+void Ledger::pass(Passage &passage, const Next &next)
 {
+    const auto *token = std::get_if<Token>(&passage.event);
+    const auto *notify = std::get_if<Notify>(&passage.event);
+    if (paused_ != 0 || (token == nullptr && notify == nullptr)) {
+        next();
+    } else if (token == nullptr) {
+        next();
+        // Both records begin with the entry's key.
+        if (notify->table == L2RES_TABLE_ICIB || notify->table == L2RES_TABLE_IPAT) {
+            forgetTold(notify->table == L2RES_TABLE_ICIB ? TokenTable::icib : TokenTable::ipat,
+                       notify->record);
+        }
+    } else if (token->get) {
+        const Before before = lookBefore(*token);
+        next();
+        lookAfter(before, passage.code);
+    } else {
+        next();
+        freed(token->table, token->request != nullptr ? token->request->key : nullptr);
+    }
+}
+
+Ledger::Before Ledger::lookBefore(const Token &call) const
+{
+    const L2ResTokenReq *request = call.request;
+    const void *key = request != nullptr ? request->key : nullptr;
+    const Asked asked = {.table = call.table,
+                         .service = call.service,
+                         .op = call.op,
+                         .request = request != nullptr,
+                         .key = key != nullptr,
+                         .fwd = request != nullptr ? request->FwdType : u16{0},
+                         .stamp = request != nullptr ? request->Stamp : u64{0}};
     if (key == nullptr) {
         return {asked, {}, ruleOn(asked, std::nullopt, 0)};
     }
@@ -22,11 +56,12 @@ void Ledger::lookAfter(const Before &before, u32 result)
 {
     const Ruling &ruling = before.ruling;
     if (ruling.result == result) {
+        const Name name = {before.asked.table, keyText(before.key)};
         if (ruling.holds) {
-            keepHolder(before, {before.asked.table, keyText(before.key)});
+            keepHolder(before, name);
         }
         if (ruling.waits) {
-            keepWaiter(before);
+            keepWaiter(before, name);
         }
         if (!ruling.reason.empty()) {
             journal_.writeReason(ruling.reason);
@@ -59,7 +94,7 @@ void Ledger::keepHolder(const Before &before, const Name &name)
     }
 }
 
-void Ledger::keepWaiter(const Before &before)
+void Ledger::keepWaiter(const Before &before, const Name &name)
 {
     const auto waiters = inspector_.waiters(before.asked.table, address(before.key));
     const DeviceTime now = journal_.clock().now();
@@ -71,17 +106,62 @@ void Ledger::keepWaiter(const Before &before)
                    waiter.op.Stamp == before.asked.stamp && waiter.op.SrvType == before.asked.fwd &&
                    !wasNotified(waiter);
         });
-    if (mine != waiters.rend()) {
-        waiters_[{before.asked.table, mine->serial}] = now;
+    if (mine == waiters.rend()) {
+        return;
     }
-    if (waiters_.size() > waitersKept) {
-        waiters_.erase(waiters_.begin());
+    waiterCount_ += waiters_[name].insert_or_assign(mine->serial, now).second;
+    arrivals_.emplace_back(name, mine->serial);
+    if (waiterCount_ > waitersKept) {
+        forgetOldest();
     }
 }
 
+void Ledger::forgetOldest()
+{
+    for (bool forgotten = false; !forgotten; arrivals_.pop_front()) {
+        const auto &[name, serial] = arrivals_.front();
+        const auto entry = waiters_.find(name);
+        forgotten = entry != waiters_.end() && entry->second.erase(serial) != 0;
+        if (forgotten && entry->second.empty()) {
+            waiters_.erase(entry);
+        }
+    }
+    --waiterCount_;
+}
+
+/* Of the entry's requests stays who the module still keeps waiting. */
+void Ledger::forgetTold(TokenTable table, const void *key)
+{
+    if (key == nullptr) {
+        return;
+    }
+    const auto left = inspector_.waiters(table, key);
+    std::lock_guard lock(mutex_);
+    const auto entry = waiters_.find({table, keyText(copyKey(table, key))});
+    if (entry == waiters_.end()) {
+        return;
+    }
+    waiterCount_ -= std::erase_if(entry->second, [&](const auto &kept) {
+        return std::ranges::find(left, kept.first, &L2ResWaiter::serial) == left.end();
+    });
+    if (entry->second.empty()) {
+        waiters_.erase(entry);
+    }
+    if (waiters_.empty()) {
+        arrivals_.clear();
+    } else if (arrivals_.size() > 2 * waitersKept) {
+        std::erase_if(arrivals_, [&](const auto &arrival) {
+            const auto found = waiters_.find(arrival.first);
+            return found == waiters_.end() || !found->second.contains(arrival.second);
+        });
+    }
+}
+
+/* A token of the entry was freed. */
 void Ledger::freed(TokenTable table, const void *key)
 {
-    if (paused_ == 0 && key != nullptr && !inspector_.holder(table, key)) {
+    forgetTold(table, key);
+    if (key != nullptr && !inspector_.holder(table, key)) {
         std::lock_guard lock(mutex_);
         holders_.erase({table, keyText(copyKey(table, key))});
     }
@@ -100,11 +180,16 @@ std::optional<Ledger::Since> Ledger::holderSince(TokenTable table, const EntryKe
     return held->second.since;
 }
 
-std::optional<DeviceTime> Ledger::waiterSince(TokenTable table, const L2ResWaiter &waiter) const
+std::optional<DeviceTime> Ledger::waiterSince(const EntryState &entry,
+                                              const L2ResWaiter &waiter) const
 {
     std::lock_guard lock(mutex_);
-    const auto found = waiters_.find({table, waiter.serial});
-    return found == waiters_.end() ? std::nullopt : std::optional(found->second);
+    const auto waiters = waiters_.find({entry.table, keyText(entry.key)});
+    if (waiters == waiters_.end()) {
+        return std::nullopt;
+    }
+    const auto found = waiters->second.find(waiter.serial);
+    return found == waiters->second.end() ? std::nullopt : std::optional(found->second);
 }
 
 } // namespace host

@@ -4,6 +4,7 @@
  * The module's records name forwarding types and stamps; the ledger adds the service and the time
  * of each request that the module keeps, and explains each one that was refused or has to wait: one
  * line beneath the result. It looks at the module's own state right before and right after a call.
+ * A waiting request is forgotten when it has been told, and beyond 65536 the oldest one.
  *
  * Threads: any.
  */
@@ -11,38 +12,27 @@
 #define HOST_LEDGER_H
 
 #include <atomic>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "crossing/journal.h"
+#include "crossing/crossing.h"
 #include "inspect/module_state.h"
 #include "watch/explain.h"
+#include "watch/journal.h"
 
 namespace host {
 
-class Ledger {
+class Ledger : public crossing::Listener {
 public:
     Ledger(Journal &journal, const Inspector &inspector) : journal_(journal), inspector_(inspector)
     {
     }
 
-    /* Calls `operation`, a request for a token, and returns its result. */
-    template <class Operation> u32 get(const Asked &asked, const void *key, Operation operation)
-    {
-        if (paused_) {
-            return operation();
-        }
-        const Before before = lookBefore(asked, key);
-        const u32 result = operation();
-        lookAfter(before, result);
-        return result;
-    }
-
-    /* A token of the entry was freed. */
-    void freed(TokenTable table, const void *key);
+    void pass(crossing::Passage &passage, const crossing::Next &next) override;
 
     struct Since {
         u32 service;
@@ -51,7 +41,7 @@ public:
     /* Of the request behind a record or a waiting request; none when it was not made here. */
     std::optional<Since> holderSince(TokenTable table, const EntryKey &key,
                                      const L2ResOpRecord &record) const;
-    std::optional<DeviceTime> waiterSince(TokenTable table, const L2ResWaiter &waiter) const;
+    std::optional<DeviceTime> waiterSince(const EntryState &entry, const L2ResWaiter &waiter) const;
 
     /* While a Pause lives nothing is looked at or explained: for clients on many threads. */
     class Pause {
@@ -83,17 +73,22 @@ private:
     };
     using Name = std::pair<TokenTable, std::string>; // of an entry
 
-    Before lookBefore(const Asked &asked, const void *key) const;
+    Before lookBefore(const crossing::Token &call) const;
     void lookAfter(const Before &before, u32 result);
+    void freed(TokenTable table, const void *key);
     void keepHolder(const Before &before, const Name &name);
-    void keepWaiter(const Before &before);
+    void keepWaiter(const Before &before, const Name &name);
+    void forgetTold(TokenTable table, const void *key);
+    void forgetOldest();
 
     Journal &journal_;
     const Inspector &inspector_;
     std::atomic<int> paused_ = 0;
     mutable std::mutex mutex_; // guards what follows; never held during a call or a look-up
     std::map<Name, Held> holders_;
-    std::map<std::pair<TokenTable, u32>, DeviceTime> waiters_; // by the module's serial
+    std::map<Name, std::map<u32, DeviceTime>> waiters_; // by the module's serial
+    std::deque<std::pair<Name, u32>> arrivals_;         // of waiters, some of them forgotten
+    std::size_t waiterCount_ = 0;
 };
 
 } // namespace host

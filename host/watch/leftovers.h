@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "device/module.h"
 #include "engine/vlan_engine.h"
 #include "inspect/module_state.h"
 #include "watch/ledger.h"
-#include "watch/module.h"
 
 namespace host {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "crossing/journal.h"
+#include "watch/journal.h"
 
 namespace host {
 

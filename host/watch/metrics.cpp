@@ -9,11 +9,11 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "device/module.h"
 #include "device/services.h"
 #include "inspect/words.h"
 #include "qor_epoll.h"
 #include "watch/leftovers.h"
-#include "watch/module.h"
 #include "zir_memory.h"
 
 namespace host {
@@ -55,6 +55,13 @@ static std::string labelOf(const Event &event, std::string_view name)
     return "";
 }
 
+/* A script may try any number: those that are none share a series. */
+static std::string serviceOf(const Event &event)
+{
+    const std::string service = labelOf(event, "service");
+    return service.size() == 1 && service[0] < '0' + char{L2RES_SERVICE_COUNT} ? service : "other";
+}
+
 /* "icib" of "icib.add"; "" for what is no request for a token. */
 static std::string tokenTable(std::string_view call)
 {
@@ -83,7 +90,7 @@ void Metrics::on(const Event &event)
     } else if (event.kind == Kind::notify) {
         open_[event.number] = {true,
                                {{"table", labelOf(event, "table")},
-                                {"service", labelOf(event, "service")},
+                                {"service", serviceOf(event)},
                                 {"event", labelOf(event, "event")}}};
     } else if (event.kind == Kind::log) {
         ++lines_.values[{{"log", std::string(event.name)}, {"level", labelOf(event, "level")}}];
@@ -94,7 +101,7 @@ void Metrics::on(const Event &event)
             }
         }
     } else if (const std::string table = tokenTable(event.name); !table.empty()) {
-        open_[event.number] = {false, {{"table", table}, {"service", labelOf(event, "service")}}};
+        open_[event.number] = {false, {{"table", table}, {"service", serviceOf(event)}}};
     }
 }
 

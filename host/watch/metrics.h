@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "crossing/journal.h"
+#include "watch/journal.h"
 
 namespace host {
 

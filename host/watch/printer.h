@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "crossing/journal.h"
+#include "watch/journal.h"
 
 namespace host {
 

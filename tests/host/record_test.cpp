@@ -168,6 +168,35 @@ TEST_F(Record, FilesThatCannotBeWritten)
     }
 }
 
+/* ---- components ---- */
+
+TEST_F(Record, AComponentThatFindsTheTableItselfIsSeenLikeOthers)
+{
+    const fs::path metrics = directory() / "m.prom";
+    const Outcome run =
+        playScript("icib.register{service=1}\n"
+                   "host.load('" README_CLIENT "')\n"
+                   "icib.add{service=1, fwd=10, stamp=100, port=3}\n"
+                   "icib.add{service=2, fwd=20, stamp=150, port=3}\n"
+                   "icib.free{service=1, op='add', port=3}\n"
+                   "for _, row in ipairs(show.services()) do\n"
+                   "  if row.kind == 'registration' and row.service == 2 then\n"
+                   "    expect(row.callback, 'component') end end",
+                   "--record '" + file_.string() + "' --metrics '" + metrics.string() + "'");
+    EXPECT_EQ(run.status, 0) << run.err;
+    expectLines(run.out, {"host.load file=libreadme_client.so\n.*  icib.register service=2 -> 0\n",
+                          "  notify event=free table=icib service=2 port=3\n"
+                          ".*    icib.add service=2 fwd=20 stamp=200 port=3 -> 4 wait\n"
+                          ".*  because: add by type 20, stamp 200, waits for the add last made by",
+                          "expectations\n$"});
+    expectLines(readFile(metrics),
+                {R"(token_requests_total\{table="icib",service="2",result="waiting"\} 11\n)",
+                 R"(notifications_total\{table="icib",service="2",event="free"\} [1-9])"});
+    expectLines(readFile(file_), {R"("out":"notify".*\n.*"in":"getIcibToken".*"Stamp":200)"});
+    const Outcome again = replay(file_);
+    EXPECT_EQ(again.status, 0) << again.out << again.err;
+}
+
 /* ---- metrics ---- */
 
 /* Samples by name and labels. Fails on a line that is not of the format. */
@@ -209,6 +238,7 @@ TEST_F(Record, MetricsCountWhatHappened)
         icib.add{service=1, fwd=1, stamp=5}
         icib.add{service=2, fwd=2, stamp=6, data="d"}
         icib.add{service=2, fwd=2, stamp=1}
+        for service = 9, 99 do icib.add{service=service, fwd=2, stamp=1} end
         icib.free{service=1, op="add"}
         ipat.add{service=3, fwd=1, stamp=1, unit=1, port=1}
         vlan.assign{direction="egress", service=5, format=2, outer_tag=3}
@@ -224,6 +254,7 @@ TEST_F(Record, MetricsCountWhatHappened)
              {R"(token_requests_total{table="icib",service="1",result="granted"})", 1},
              {R"(token_requests_total{table="icib",service="2",result="waiting"})", 1},
              {R"(token_requests_total{table="icib",service="2",result="refused"})", 1},
+             {R"(token_requests_total{table="icib",service="other",result="refused"})", 91},
              {R"(token_requests_total{table="ipat",service="3",result="granted"})", 1},
              {R"(notifications_total{table="icib",service="2",event="free"})", 1},
              {R"(notification_failures_total{table="icib",service="2",event="free"})", 1},
@@ -243,6 +274,17 @@ TEST_F(Record, MetricsCountWhatHappened)
     EXPECT_GT(samples.at(R"(l2rsm_partition_bytes{partition="9"})"), 0);
     EXPECT_GT(samples.at(R"(l2rsm_log_lines_total{log="blackbox",level="event"})"), 0);
     EXPECT_THAT(text, HasSubstr(R"(a \"quoted\"\nname\\.lua")"));
+}
+
+TEST_F(Record, MetricsCountALoadLikeAnyOther)
+{
+    const fs::path metrics = directory() / "m.prom";
+    const Outcome run = playScript("host.stress{clients=3, operations=200}",
+                                   "--metrics '" + metrics.string() + "'");
+    ASSERT_EQ(run.status, 0) << run.err;
+    expectLines(readFile(metrics),
+                {R"(token_requests_total\{table="icib",service="2",result="granted"\} [1-9])",
+                 R"(notifications_total\{table="icib",service="\d",event="free"\} [1-9])"});
 }
 
 } // namespace

@@ -282,14 +282,36 @@ TEST_F(Host, OtherReasons)
         icib.register{service=9}
         notify.register{table=6, service=1}
         vlan.assign{direction='ingress', service=1, format=8}
-        vlan.release{direction='ingress', service=13, format=1})",
+        vlan.release{direction='ingress', service=13, format=1}
+        vlan.assign{direction='ingress', service=9, format=2}
+        vlan.assign{direction='ingress', service=10, format=3}
+        vlan.release{direction='ingress', service=10, format=2})",
                                    "");
     EXPECT_EQ(run.status, 0) << run.err;
     expectLines(run.out, {"waits for the add last made by type 10, stamp 100 \\(released\\)\n",
                           "stamp 111, waits .*; ten requests wait already, this one will not be",
                           "-> 1 refused\n.*because: service 9 is not 0 to 8\n",
                           "because: table 6 is not 0 to 5\n", "because: format 8 is not 1 to 7\n",
-                          "-> 1 failed\n.*because: service 13 is not 1 to 12\n"});
+                          "-> 1 failed\n.*because: service 13 is not 1 to 12\n",
+                          // The engine was never asked.
+                          "-> 1 failed\n.*because: no such edit is booked for service 10\n"});
+}
+
+TEST_F(Host, TheAgeOfAnOldRequestOutlivesManyNewOnes)
+{
+    const Outcome run = playScript(R"(
+        ipat.add{service=1, fwd=10, stamp=1, port=1}
+        ipat.add{service=2, fwd=20, stamp=2, port=1}
+        host.wait_for(function() -- prints nothing
+          for i = 1, 65540 do
+            ipat.add{service=1, fwd=10, stamp=3 * i, port=2}
+            ipat.add{service=2, fwd=20, stamp=3 * i + 1, port=2}
+            ipat.free{service=1, op='add', port=2}
+          end
+          return true end, 1)
+        expect(show.waiters()[1].age ~= nil, true))",
+                                   "");
+    EXPECT_EQ(run.status, 0) << run.err;
 }
 
 TEST_F(Host, ALoadedComponentIsToldWhyToo)

@@ -1,15 +1,11 @@
 /*
  * How a notification of the module reaches the scenario.
  *
- * The module's callbacks name neither table nor service, so each pair has a C function of its own.
- * The callback copies what it is given. On the scenario's own thread the script's handler runs at
- * once, inside the module's call, and may get and free tokens; its result goes back to the module.
- * On any other thread the notification is queued and answered with 0, for the worker holds a mutex
- * during its walk and must not wait for Lua; the script receives it in host.wait, host.wait_for or
- * at its next call of a host function.
- *
- * Data that the host hands in with a request begins with its length, because a callback is given
- * none.
+ * The callback that the scenario registers copies what it is given. On the scenario's own thread the
+ * script's handler runs at once, inside the module's call, and may get and free tokens; its result goes
+ * back to the module. On any other thread the notification is queued and answered with 0, for the
+ * worker holds a mutex during its walk and must not wait for Lua; the script receives it in host.wait,
+ * host.wait_for or at its next call of a host function.
  */
 #ifndef HOST_NOTIFICATIONS_H
 #define HOST_NOTIFICATIONS_H
@@ -25,8 +21,7 @@
 #include <variant>
 #include <vector>
 
-#include "crossing/journal.h"
-#include "inspect/words.h"
+#include "crossing/crossing.h"
 #include "l2rsm_component.h"
 
 namespace host {
@@ -43,21 +38,24 @@ struct Notification {
     std::optional<std::string> data{};
 };
 
-/* A request's data as the module is to keep it. At most 65533 bytes. */
-std::string packData(std::string_view data);
-
-class Notifications {
+class Notifications : public crossing::Listener {
 public:
     using Handler = std::function<u32(const Notification &)>;
-    /* Takes every callback raw, on any thread, in place of the above (host.stress). */
-    using Interceptor =
-        std::function<u32(u32 table, u32 service, u32 event, void *record, void *data)>;
+    /* Sees every callback raw, on any thread, and answers those of its own (host.stress). */
+    using Interceptor = std::function<std::optional<u32>(u32 table, u32 service, u32 event,
+                                                         void *record, void *data)>;
 
     /* On the scenario's thread, which is the one that runs `handler`. */
-    Notifications(Journal &journal, Handler handler);
+    explicit Notifications(Handler handler);
 
-    /* The function to register for a table and service; also for numbers the module refuses. */
-    static L2ResNotifyCallback callback(u32 table, u32 service);
+    /* The function to register, for every table and service. */
+    static u32 callback(u32 event, void *record, void *data);
+
+    /* Whose a registered callback is: "scenario", "component", or "none" for null. */
+    static const char *ownerOf(L2ResNotifyCallback registered, u32 table, u32 service);
+
+    /* What is queued is handed on when the module has its answer, and every listener has seen it. */
+    void pass(crossing::Passage &passage, const crossing::Next &next) override;
 
     /* The oldest queued notification. */
     std::optional<Notification> take();
@@ -68,13 +66,9 @@ public:
     void intercept(Interceptor interceptor); // none runs while this is called
     void stopIntercepting();                 // waits for those that run
 
-    u32 arrive(u32 table, u32 service, u32 event, void *record, void *data);
-
 private:
-    Notification copy(u32 table, u32 service, u32 event, const void *record, const void *data);
-    u64 announce(const Notification &notification);
+    u32 arrive(const crossing::Notify &notify);
 
-    Journal &journal_;
     const Handler handler_;
     const std::thread::id scenarioThread_ = std::this_thread::get_id();
     std::mutex mutex_;

@@ -1,4 +1,4 @@
-#include "inspect/records.h"
+#include "inspect/record_json.h"
 
 namespace inspect {
 

@@ -1,20 +1,22 @@
 /*
- * The module under the host: loaded, started, and called. Every call from the host into the module
- * passes here and is written to the journal, with its result.
+ * The module under the host: loaded, started, and called as a component would call it. Who wants to
+ * know of the calls listens at the crossing.
  */
 #ifndef HOST_MODULE_H
 #define HOST_MODULE_H
 
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "crossing/journal.h"
 #include "inspect/symbols.h"
 #include "inspect/words.h"
 #include "l2rsm_component.h"
 #include "l2rsm_entry.h"
 
 namespace host {
+
+using namespace inspect;
 
 struct TokenRequest {
     TokenTable table;
@@ -27,14 +29,16 @@ struct TokenRequest {
     std::string data{}; // as packData made it; empty for none
 };
 
-class Ledger;
+/*
+ * A request's data as the script hands it in: with its length before it, because no data at all and
+ * data of no bytes are different things. At most 65533 bytes.
+ */
+std::string packData(std::string_view data);
+/* A component's data is taken as it is. */
+std::string_view unpackData(std::string_view bytes);
 
 class Module : public Symbols {
 public:
-    explicit Module(Journal &journal) : journal_(journal)
-    {
-    }
-
     /* Loads the library, runs phases 1 to 3 and finds the exported table. Throws with a reason. */
     void start(const std::string &path);
 
@@ -43,17 +47,11 @@ public:
         return *table_;
     }
 
-    /* Who keeps account of requests for tokens; before the first one. */
-    void setLedger(Ledger &ledger)
-    {
-        ledger_ = &ledger;
-    }
-
     /* The operations of the exported table. Each throws when the module's position is empty. */
-    u32 icibRegister(u32 service);
-    u32 ecibRegister(u32 service);
-    u32 ipatRegister(u32 service);
-    u32 notifyRegister(u32 tableId, u32 service);
+    u32 icibRegister(u32 service, L2ResNotifyCallback callback);
+    u32 ecibRegister(u32 service, L2ResNotifyCallback callback);
+    u32 ipatRegister(u32 service, L2ResNotifyCallback callback);
+    u32 notifyRegister(u32 tableId, u32 service, L2ResNotifyCallback callback);
     u32 getToken(const TokenRequest &request);
     u32 freeToken(const TokenRequest &request);
     u32 assignVlan(VlanEditInfo info, u16 *profileId, u32 direction);
@@ -65,21 +63,11 @@ public:
     u32 patch(u32 operation, const std::string &library, bool *handled);
     void dumpVlan();
 
-    /* An exported symbol of the module, for what only looks. Throws when it is missing. */
     void *symbol(const char *name) const override;
 
 private:
-    template <class Operation>
-    u32 traced(const char *name, std::span<const Field> fields, const char *(*meaning)(u32),
-               Operation operation);
-    u32 token(const TokenRequest &request, bool get);
-    u32 registered(u32 table, u32 service, u32 result);
-
-    Journal &journal_;
     std::string path_;
-    void *handle_ = nullptr;
     const L2RsmFunVtbl *table_ = nullptr;
-    Ledger *ledger_ = nullptr;
 };
 
 } // namespace host

@@ -4,34 +4,40 @@
 
 #include <array>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "bounded.h"
 #include "comp_registry.h"
-#include "crossing/boundary.h"
+#include "crossing/crossing.h"
 #include "qor_epoll.h"
 #include "zir_timer.h"
 
-namespace host::boundary {
+namespace host::crossing {
 
 /* Written before the module is loaded and its threads exist. */
-static Mode s_mode = Mode::off;
-static Crossings *s_crossings;
+static std::vector<Listener *> &s_listeners = *new std::vector<Listener *>; // never freed
+static bool s_alone = false;
 static void *s_module;
 
-static void start(Crossings &crossings, Mode mode)
+void attach(Listener &listener)
 {
-    s_crossings = &crossings;
-    s_mode = mode;
+    s_listeners.push_back(&listener);
 }
 
-void record(Crossings &crossings)
+std::span<Listener *const> listeners()
 {
-    start(crossings, Mode::record);
+    return s_listeners;
 }
 
-void replay(Crossings &crossings)
+void leaveAlone()
 {
-    start(crossings, Mode::replay);
+    s_alone = true;
+}
+
+bool isAlone()
+{
+    return s_alone;
 }
 
 void setModule(void *handle)
@@ -39,23 +45,9 @@ void setModule(void *handle)
     s_module = handle;
 }
 
-Mode mode()
+void *ownSymbol(const char *name)
 {
-    return s_mode;
-}
-
-Crossings &crossings()
-{
-    return *s_crossings;
-}
-
-void *moduleSymbol(const char *name)
-{
-    void *address = dlsym(s_module, name);
-    if (address == nullptr) {
-        throw std::runtime_error(std::string("the module has no ") + name);
-    }
-    return address;
+    return dlsym(s_module, name);
 }
 
 bool ofModule(const void *address)
@@ -72,7 +64,7 @@ template <class Function> static Function *platform(const char *name)
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 #define PLATFORM(function)                                                                         \
-    static const auto real = host::boundary::platform<decltype(function)>(#function)
+    static const auto real = host::crossing::platform<decltype(function)>(#function)
 
 /* ---- timers ---- */
 
@@ -86,28 +78,29 @@ static std::size_t s_timerCount = 0;
 template <std::size_t Index> static void tick()
 {
     const Timer &timer = s_timers[Index];
-    crossings().in("tick", {{"period", timer.period}}, [&] {
+    pass(Tick{timer.period}, [&]() -> u32 {
         timer.callback();
-        return Value::object();
+        return QOR_OK;
     });
 }
 
+static constexpr std::array<ZIR_TimerCallback, 4> s_ticks = {tick<0>, tick<1>, tick<2>, tick<3>};
+
 static ZIR_TimerCallback caughtTick(u32 period, ZIR_TimerCallback callback)
 {
-    static constexpr std::array<ZIR_TimerCallback, 4> ticks = {tick<0>, tick<1>, tick<2>, tick<3>};
     if (s_timerCount == s_timers.size()) {
         return callback;
     }
     s_timers[s_timerCount] = {period, callback};
-    return ticks[s_timerCount++];
+    return s_ticks[s_timerCount++];
 }
 
-Value playTick(u32 period)
+void playTick(u32 period)
 {
-    for (const Timer &timer : s_timers) {
-        if (timer.callback != nullptr && timer.period == period) {
-            timer.callback();
-            return Value::object();
+    for (std::size_t i = 0; i < s_timerCount; ++i) {
+        if (s_timers[i].period == period) {
+            s_ticks[i]();
+            return;
         }
     }
     throw std::runtime_error("the module has no timer of " + std::to_string(period) + " ms");
@@ -117,62 +110,48 @@ Value playTick(u32 period)
 
 static QorQueueContext *s_queueContext; // the module's
 
-static Value handleMessage()
-{
-    return {{"code", s_queueContext->handler(0, s_queueContext)}};
-}
-
 static u32 caughtMessage(u64, QorQueueContext *)
 {
-    u32 code = QOR_FAIL;
-    crossings().in("message", Value::object(), [&] {
-        const Value result = handleMessage();
-        code = result["code"].get<u32>();
-        return result;
-    });
-    return code;
+    return pass(Message{}, [] { return s_queueContext->handler(0, s_queueContext); });
 }
 
-Value playMessage()
+void playMessage()
 {
     if (s_queueContext == nullptr) {
         throw std::runtime_error("the module has no queue");
     }
-    return handleMessage();
+    caughtMessage(0, nullptr);
 }
 
 /* The worker's start-up without its loop. */
 static u32 startWorker()
 {
-    const auto timers = reinterpret_cast<u32 (*)()>(moduleSymbol("QorL2ResTimerInit"));
-    const auto queue = reinterpret_cast<u32 (*)(u32)>(moduleSymbol("QorL2ResQueCreate"));
+    const auto timers = reinterpret_cast<u32 (*)()>(ownSymbol("QorL2ResTimerInit"));
+    const auto queue = reinterpret_cast<u32 (*)(u32)>(ownSymbol("QorL2ResQueCreate"));
     const u32 started = timers();
     return started != QOR_OK ? started : queue(static_cast<u32>(epoll_create_s(1)));
 }
 
-} // namespace host::boundary
+} // namespace host::crossing
 
 /* ---- the platform's functions ---- */
 
-using namespace host;
-using namespace host::boundary;
+using namespace host::crossing;
 
 extern "C" {
 
 u32 COMP_GetVTable(u32 componentId, u32 interfaceId, void **table)
 {
     PLATFORM(COMP_GetVTable);
-    const bool module = mode() != Mode::off && ofModule(__builtin_return_address(0));
-    if (module && componentId == L2RES_SERVICE_COMPONENT) {
-        const u32 code = crossForCode("component.table",
-                                      {{"component", componentId}, {"interface", interfaceId}},
-                                      [&] { return real(componentId, interfaceId, table); });
+    if (componentId == L2RES_SERVICE_COMPONENT && ofModule(__builtin_return_address(0))) {
+        *table = nullptr;
+        const u32 code = pass(FindTable{componentId, interfaceId},
+                              [&] { return real(componentId, interfaceId, table); });
         *table = code == QOR_OK ? const_cast<void *>(serviceTable(interfaceId, *table)) : nullptr;
         return code;
     }
     const u32 code = real(componentId, interfaceId, table);
-    if (mode() == Mode::record && code == QOR_OK && componentId == L2RES_COMPONENT_ID &&
-        interfaceId == L2RES_IID_FUNCTIONS) {
+    if (code == QOR_OK && componentId == L2RES_COMPONENT_ID && interfaceId == L2RES_IID_FUNCTIONS) {
         *table =
             const_cast<L2RsmFunVtbl *>(exportedTable(static_cast<const L2RsmFunVtbl *>(*table)));
     }
@@ -183,11 +162,11 @@ u32 ZIR_ReltmrCbkStart(ZIR_TimerHandle *handle, u32 memHandle, u32 periodMs, u32
                        void *context, u32 timerMode, ZIR_TimerCallback callback)
 {
     PLATFORM(ZIR_ReltmrCbkStart);
-    if (mode() == Mode::off || !ofModule(reinterpret_cast<const void *>(callback))) {
+    if (!ofModule(reinterpret_cast<const void *>(callback))) {
         return real(handle, memHandle, periodMs, parameter, context, timerMode, callback);
     }
     const ZIR_TimerCallback caught = caughtTick(periodMs, callback);
-    if (mode() == Mode::replay) {
+    if (isAlone()) {
         *handle = s_timerCount;
         return QOR_OK;
     }
@@ -197,7 +176,7 @@ u32 ZIR_ReltmrCbkStart(ZIR_TimerHandle *handle, u32 memHandle, u32 periodMs, u32
 u32 QorEpollTaskCreate(const char *name, u32 *taskId, u32 (*entry)(void *), void *arg)
 {
     PLATFORM(QorEpollTaskCreate);
-    if (mode() != Mode::replay || !ofModule(reinterpret_cast<const void *>(entry))) {
+    if (!isAlone() || !ofModule(reinterpret_cast<const void *>(entry))) {
         return real(name, taskId, entry, arg);
     }
     *taskId = 1;
@@ -208,7 +187,7 @@ u32 QorEpollQueCtl(u32 epollFd, u32 operation, QorQueueHandle queue, u32 events,
                    QorQueueContext *context)
 {
     PLATFORM(QorEpollQueCtl);
-    if (mode() == Mode::off || operation != QOR_QUEUE_ATTACH || context == nullptr ||
+    if (operation != QOR_QUEUE_ATTACH || context == nullptr ||
         !ofModule(reinterpret_cast<const void *>(context->handler))) {
         return real(epollFd, operation, queue, events, context);
     }
@@ -226,29 +205,22 @@ u32 QorEpollQueCtl(u32 epollFd, u32 operation, QorQueueHandle queue, u32 events,
 u32 QorEpollQueGetMsgNum(QorQueueHandle queue)
 {
     PLATFORM(QorEpollQueGetMsgNum);
-    if (mode() == Mode::off || !ofModule(__builtin_return_address(0))) {
+    if (!ofModule(__builtin_return_address(0))) {
         return real(queue);
     }
-    u32 count = 0;
-    cross(
-        "queue.count", Value::object(),
-        [&]() -> Value {
-            return {{"count", real(queue)}};
-        },
-        [&](const Value &answer) { count = numberIn<u32>(answer, "count"); });
-    return count;
+    return pass(QueueCount{}, [&] { return real(queue); });
 }
 
 u32 QorEpollQueWrite(QorQueueHandle queue, const void *element, u32 size, u32 timeoutMs)
 {
     PLATFORM(QorEpollQueWrite);
-    if (mode() == Mode::off || !ofModule(__builtin_return_address(0))) {
+    if (!ofModule(__builtin_return_address(0))) {
         return real(queue, element, size, timeoutMs);
     }
-    const u32 code = crossForCode("queue.write", {{"size", size}, {"timeout", timeoutMs}},
-                                  [&] { return real(queue, element, size, timeoutMs); });
+    const u32 code =
+        pass(QueueWrite{size, timeoutMs}, [&] { return real(queue, element, size, timeoutMs); });
     // What the record says was written must be there to be read.
-    return mode() == Mode::replay && code == QOR_OK ? real(queue, element, size, 0) : code;
+    return isAlone() && code == QOR_OK ? real(queue, element, size, 0) : code;
 }
 
 } // extern "C"

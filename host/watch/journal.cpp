@@ -1,37 +1,10 @@
-#include "crossing/journal.h"
+#include "watch/journal.h"
 
 #include <pthread.h>
 
 #include <algorithm>
-#include <cstdio>
 
 namespace host {
-
-void Clock::setSpeed(u32 speed)
-{
-    speed_ = speed;
-}
-
-DeviceTime Clock::now() const
-{
-    const auto real = std::chrono::steady_clock::now() - start_;
-    return std::chrono::duration_cast<DeviceTime>(real * speed_);
-}
-
-std::chrono::steady_clock::time_point Clock::realTime(DeviceTime time) const
-{
-    return start_ + std::chrono::duration_cast<std::chrono::steady_clock::duration>(time) / speed_;
-}
-
-std::string formatTime(DeviceTime time)
-{
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
-    char text[64];
-    std::snprintf(text, sizeof text, "%02lld:%02lld:%02lld.%03lld",
-                  static_cast<long long>(ms / 3600000), static_cast<long long>(ms / 60000 % 60),
-                  static_cast<long long>(ms / 1000 % 60), static_cast<long long>(ms % 1000));
-    return text;
-}
 
 void Journal::attach(Sink &sink, std::initializer_list<Kind> kinds)
 {
@@ -64,11 +37,16 @@ void Journal::writeReason(const std::string &reason)
     write(Kind::text, "  because: " + reason, {});
 }
 
+bool Journal::isWanted(Kind kind) const
+{
+    return std::ranges::any_of(sinks_[static_cast<std::size_t>(kind)],
+                               [&](const Sink *sink) { return sink->wants(kind); });
+}
+
 void Journal::dispatch(const Event &event)
 {
-    const auto &sinks = sinks_[static_cast<std::size_t>(event.kind)];
     // Client threads under load must not queue up here for a sink that is not listening.
-    if (std::ranges::none_of(sinks, [&](const Sink *sink) { return sink->wants(event.kind); })) {
+    if (!isWanted(event.kind)) {
         return;
     }
     // The time is read under the mutex, so that it never runs backwards in any sink.
@@ -78,7 +56,7 @@ void Journal::dispatch(const Event &event)
     }
     Event stamped = event;
     stamped.at = clock_.now();
-    for (Sink *sink : sinks) {
+    for (Sink *sink : sinks_[static_cast<std::size_t>(event.kind)]) {
         sink->on(stamped);
     }
 }

@@ -14,7 +14,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <initializer_list>
 #include <mutex>
 #include <span>
@@ -22,30 +21,13 @@
 #include <string_view>
 #include <vector>
 
+#include "device/clock.h"
 #include "inspect/fields.h"
 #include "qor_types.h"
 
 namespace host {
 
 using namespace inspect;
-
-using DeviceTime = std::chrono::microseconds; // since the device's start
-
-/* The device's time: real time since the host's start, played `speed` times as fast. */
-class Clock {
-public:
-    void setSpeed(u32 speed); // before anything reads the clock
-    DeviceTime now() const;
-    /* How long a span of device time takes in real time, and when that is over. */
-    std::chrono::steady_clock::time_point realTime(DeviceTime time) const;
-
-private:
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-    u32 speed_ = 1;
-};
-
-/* "00:10:05.003": hours, minutes, seconds, milliseconds. */
-std::string formatTime(DeviceTime time);
 
 enum class Kind : u32 {
     call,    // into the module; ends with a result
@@ -89,6 +71,9 @@ public:
 
     /* Both before the module is loaded. The sink must live as long as the journal. */
     void attach(Sink &sink, std::initializer_list<Kind> kinds);
+
+    /* Whether an event of the kind would reach anybody. */
+    bool isWanted(Kind kind) const;
 
     /* One event. Returns its number. */
     u64 write(Kind kind, std::string_view name, std::initializer_list<Field> fields, u32 code = 0,
