@@ -2,6 +2,9 @@
  * What passes between the process and the module, one type each: its arguments as they were given,
  * and places for results other than the code. Pointers are the caller's, valid during the passage; what
  * a place holds before the call has been made is the caller's, too.
+ *
+ * `operation` is the name in records and, of services, in the journal; each() visits the arguments that
+ * are plain numbers and texts, eachPlace() the numbers that come back beside the code.
  */
 #ifndef HOST_EVENTS_H
 #define HOST_EVENTS_H
@@ -21,10 +24,23 @@ using namespace inspect;
 
 struct Phase {
     u32 first, second, phase;
+    static constexpr const char *operation = "QorL2ResInit";
+    void each(auto visit) const
+    {
+        visit("first", first);
+        visit("second", second);
+        visit("phase", phase);
+    }
 };
 struct HookRegister {
     u32 type;
     bool some; // false: null
+    static constexpr const char *operation = "hookRegister";
+    void each(auto visit) const
+    {
+        visit("type", type);
+        visit("hook", some);
+    }
 };
 struct Register {
     u32 table, service;
@@ -42,74 +58,160 @@ struct VlanAssign {
     const u16 *profile;
     u32 flag;
     u16 before; // what stood at `profile`
+    static constexpr const char *operation = "assignVlanEditProfile";
 };
 struct VlanRelease {
     const VlanEditInfo *info;
     u32 flag;
+    static constexpr const char *operation = "freeVlanEditProfile";
 };
 struct AlarmCheck {
     u32 type;
+    static constexpr const char *operation = "exceedCheckAndAlarm";
+    void each(auto visit) const
+    {
+        visit("type", type);
+    }
 };
 struct Query {
     const L2ResIcibKey *key;
     const L2ResQueryEntry *entries;
     const u16 *count;
+    static constexpr const char *operation = "QorL2ResIcibGet";
 };
-struct VlanDump {};
+struct VlanDump {
+    static constexpr const char *operation = "QorL2ResPrintVlanEditRes";
+};
 struct Patch {
-    u32 operation;
+    u32 code;
     u64 unused;
     const char *library;
     const u32 *handled;
+    static constexpr const char *operation = "libqor_l2rsm_PAT_C2HSyncHookFunc";
+    void each(auto visit) const
+    {
+        visit("operation", code);
+        visit("unused", unused);
+        visit("library", library);
+    }
 };
 struct Tick { // of one of the module's timers
     u32 period;
+    static constexpr const char *operation = "tick";
+    void each(auto visit) const
+    {
+        visit("period", period);
+    }
 };
-struct Message {}; // the worker's queue has one
+struct Message {
+    static constexpr const char *operation = "message";
+}; // the worker's queue has one
 
 /* ---- out of the module ---- */
 
 struct FindTable {
     u32 component, interface;
+    static constexpr const char *operation = "component.table";
+    void each(auto visit) const
+    {
+        visit("component", component);
+        visit("interface", interface);
+    }
 };
 struct InitPartition {
     u32 id;
     const char *name;
+    static constexpr const char *operation = "memory.initPartition";
+    void each(auto visit) const
+    {
+        visit("id", id);
+        visit("name", name);
+    }
 };
 struct PartitionNumber {
     u32 id;
     const char *name;
+    static constexpr const char *operation = "memory.getPartitionNumber";
+    void each(auto visit) const
+    {
+        visit("id", id);
+        visit("name", name);
+    }
 };
 struct SysTime {
     L2ResAlarmTime *now;
+    static constexpr const char *operation = "time.getSysTime";
 };
-struct SelfSlot {};
+struct SelfSlot {
+    static constexpr const char *operation = "orchestration.getSelfSlot";
+};
 struct AlarmCreate {
     u32 kind, alarm;
     L2ResAlarmHandle *object;
+    static constexpr const char *operation = "log.objCreate";
+    void each(auto visit) const
+    {
+        visit("kind", kind);
+        visit("alarm", alarm);
+    }
+    void eachPlace(auto visit) const
+    {
+        visit("object", *object);
+    }
 };
 struct AlarmAttributes {
     L2ResAlarmHandle object;
     const L2ResAlarmAttr *attr;
+    static constexpr const char *operation = "log.setAlarmComAttr";
 };
 struct AlarmParameter {
     L2ResAlarmHandle object;
     u32 type, length;
     const void *value;
+    static constexpr const char *operation = "log.addPara";
 };
 struct AlarmSend {
     L2ResAlarmHandle object;
+    static constexpr const char *operation = "log.send";
+    void each(auto visit) const
+    {
+        visit("object", object);
+    }
 };
 struct AlarmFree {
     L2ResAlarmHandle object;
+    static constexpr const char *operation = "log.objFree";
+    void each(auto visit) const
+    {
+        visit("object", object);
+    }
 };
 struct LogRegister {
     const char *name;
     u32 *id;
+    static constexpr const char *operation = "debuglog.register";
+    void each(auto visit) const
+    {
+        visit("name", name);
+    }
+    void eachPlace(auto visit) const
+    {
+        visit("id", *id);
+    }
 };
 struct BlackBoxRegister {
     const char *name, *description;
     u32 *id;
+    static constexpr const char *operation = "blackbox.register";
+    void each(auto visit) const
+    {
+        visit("name", name);
+        visit("description", description);
+    }
+    void eachPlace(auto visit) const
+    {
+        visit("id", *id);
+    }
 };
 struct LogLine { // no answer
     bool blackBox;
@@ -119,19 +221,40 @@ struct LogLine { // no answer
 struct CountHook {
     u32 type;
     u32 *total, *used, *idle;
+    static constexpr const char *operation = "hook.count";
+    void each(auto visit) const
+    {
+        visit("type", type);
+    }
+    void eachPlace(auto visit) const
+    {
+        visit("total", *total);
+        visit("used", *used);
+        visit("idle", *idle);
+    }
 };
 struct VlanHook {
     const VlanEditInfo *info;
     u16 profile, command;
     u32 flag;
+    static constexpr const char *operation = "hook.vlan";
 };
 struct Notify {
     u32 table, service, event;
     void *record, *data;
+    static constexpr const char *operation = "notify";
 };
-struct QueueCount {}; // the code is the count
+struct QueueCount {
+    static constexpr const char *operation = "queue.count";
+}; // the code is the count
 struct QueueWrite {
     u32 size, timeout;
+    static constexpr const char *operation = "queue.write";
+    void each(auto visit) const
+    {
+        visit("size", size);
+        visit("timeout", timeout);
+    }
 };
 
 using Event =

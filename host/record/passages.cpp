@@ -9,11 +9,6 @@ namespace host {
 
 using namespace crossing;
 
-static Value textOrEmpty(const char *text)
-{
-    return textOf(text == nullptr ? "" : text);
-}
-
 template <class Record> static Value fieldsOrNull(const Record *record)
 {
     return record == nullptr ? Value() : fieldsOf(*record);
@@ -41,39 +36,10 @@ static const char *name(const LogLine &line)
     return line.blackBox ? "blackbox.print" : "debuglog.print";
 }
 
-#define NAMED(event, text)                                                                         \
-    static const char *name(const event &)                                                         \
-    {                                                                                              \
-        return text;                                                                               \
-    }
-NAMED(Phase, "QorL2ResInit")
-NAMED(HookRegister, "hookRegister")
-NAMED(VlanAssign, "assignVlanEditProfile")
-NAMED(VlanRelease, "freeVlanEditProfile")
-NAMED(AlarmCheck, "exceedCheckAndAlarm")
-NAMED(Query, "QorL2ResIcibGet")
-NAMED(VlanDump, "QorL2ResPrintVlanEditRes")
-NAMED(Patch, "libqor_l2rsm_PAT_C2HSyncHookFunc")
-NAMED(Tick, "tick")
-NAMED(Message, "message")
-NAMED(FindTable, "component.table")
-NAMED(InitPartition, "memory.initPartition")
-NAMED(PartitionNumber, "memory.getPartitionNumber")
-NAMED(SysTime, "time.getSysTime")
-NAMED(SelfSlot, "orchestration.getSelfSlot")
-NAMED(AlarmCreate, "log.objCreate")
-NAMED(AlarmAttributes, "log.setAlarmComAttr")
-NAMED(AlarmParameter, "log.addPara")
-NAMED(AlarmSend, "log.send")
-NAMED(AlarmFree, "log.objFree")
-NAMED(LogRegister, "debuglog.register")
-NAMED(BlackBoxRegister, "blackbox.register")
-NAMED(CountHook, "hook.count")
-NAMED(VlanHook, "hook.vlan")
-NAMED(Notify, "notify")
-NAMED(QueueCount, "queue.count")
-NAMED(QueueWrite, "queue.write")
-#undef NAMED
+static const char *name(const auto &event)
+{
+    return event.operation;
+}
 
 const char *operationOf(const Event &event)
 {
@@ -82,19 +48,23 @@ const char *operationOf(const Event &event)
 
 /* ---- arguments ---- */
 
-static Value arguments(const auto &)
+static Value valueOf(const char *text)
 {
-    return Value::object();
+    return textOf(text == nullptr ? "" : text);
 }
 
-static Value arguments(const Phase &call)
+template <class Number> static Value valueOf(Number number)
 {
-    return {{"first", call.first}, {"second", call.second}, {"phase", call.phase}};
+    return number;
 }
 
-static Value arguments(const HookRegister &call)
+static Value arguments(const auto &event)
 {
-    return {{"type", call.type}, {"hook", call.some}};
+    Value out = Value::object();
+    if constexpr (requires { event.each([](const char *, auto) {}); }) {
+        event.each([&](const char *name, auto value) { out[name] = valueOf(value); });
+    }
+    return out;
 }
 
 static Value arguments(const Register &call)
@@ -152,45 +122,9 @@ static Value arguments(const VlanRelease &call)
     return {{"info", fieldsOrNull(call.info)}, {"flag", call.flag}};
 }
 
-static Value arguments(const AlarmCheck &call)
-{
-    return {{"type", call.type}};
-}
-
 static Value arguments(const Query &call)
 {
     return {{"key", fieldsOrNull(call.key)}};
-}
-
-static Value arguments(const Patch &call)
-{
-    return {
-        {"operation", call.operation}, {"unused", call.unused}, {"library", textOf(call.library)}};
-}
-
-static Value arguments(const Tick &tick)
-{
-    return {{"period", tick.period}};
-}
-
-static Value arguments(const FindTable &call)
-{
-    return {{"component", call.component}, {"interface", call.interface}};
-}
-
-static Value arguments(const InitPartition &call)
-{
-    return {{"id", call.id}, {"name", textOrEmpty(call.name)}};
-}
-
-static Value arguments(const PartitionNumber &call)
-{
-    return {{"id", call.id}, {"name", textOrEmpty(call.name)}};
-}
-
-static Value arguments(const AlarmCreate &call)
-{
-    return {{"kind", call.kind}, {"alarm", call.alarm}};
 }
 
 static Value arguments(const AlarmAttributes &call)
@@ -214,34 +148,9 @@ static Value arguments(const AlarmParameter &call)
     return out;
 }
 
-static Value arguments(const AlarmSend &call)
-{
-    return {{"object", call.object}};
-}
-
-static Value arguments(const AlarmFree &call)
-{
-    return {{"object", call.object}};
-}
-
-static Value arguments(const LogRegister &call)
-{
-    return {{"name", textOrEmpty(call.name)}};
-}
-
-static Value arguments(const BlackBoxRegister &call)
-{
-    return {{"name", textOrEmpty(call.name)}, {"description", textOrEmpty(call.description)}};
-}
-
 static Value arguments(const LogLine &line)
 {
-    return {{"id", line.id}, {"level", line.level}, {"text", textOrEmpty(line.text)}};
-}
-
-static Value arguments(const CountHook &call)
-{
-    return {{"type", call.type}};
+    return {{"id", line.id}, {"level", line.level}, {"text", valueOf(line.text)}};
 }
 
 static Value arguments(const VlanHook &call)
@@ -283,11 +192,6 @@ static Value arguments(const Notify &call)
     return out;
 }
 
-static Value arguments(const QueueWrite &call)
-{
-    return {{"size", call.size}, {"timeout", call.timeout}};
-}
-
 Value argumentsOf(const Event &event)
 {
     return std::visit([](const auto &one) { return arguments(one); }, event);
@@ -296,30 +200,11 @@ Value argumentsOf(const Event &event)
 /* ---- results and answers ---- */
 
 /* visit(name, place) for what comes beside the code. */
-template <class Visit> static void eachPlace(const auto &, Visit)
+static void eachPlace(const auto &event, auto visit)
 {
-}
-
-template <class Visit> static void eachPlace(const AlarmCreate &call, Visit visit)
-{
-    visit("object", *call.object);
-}
-
-template <class Visit> static void eachPlace(const LogRegister &call, Visit visit)
-{
-    visit("id", *call.id);
-}
-
-template <class Visit> static void eachPlace(const BlackBoxRegister &call, Visit visit)
-{
-    visit("id", *call.id);
-}
-
-template <class Visit> static void eachPlace(const CountHook &call, Visit visit)
-{
-    visit("total", *call.total);
-    visit("used", *call.used);
-    visit("idle", *call.idle);
+    if constexpr (requires { event.eachPlace(visit); }) {
+        event.eachPlace(visit);
+    }
 }
 
 static Value results(const auto &event, u32 code)

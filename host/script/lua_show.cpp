@@ -1,4 +1,5 @@
 /* show: the module's state, the engine and the services, as tables or JSON. */
+#include "inspect/records.h"
 #include "script/host.h"
 #include "script/lua_api.h"
 #include "script/notifications.h"
@@ -218,17 +219,11 @@ static int showAlarms(Call &call)
 
 static Object commandRow(const char *direction, u32 id, const VlanEditCommand &command)
 {
-    return {{"direction", direction},
-            {"kind", "command"},
-            {"id", id},
-            {"outer_tag", command.outerTag},
-            {"inner_tag", command.innerTag},
-            {"outer_pri", command.outerPri},
-            {"inner_pri", command.innerPri},
-            {"outer_tpid", command.outerTpid},
-            {"inner_tpid", command.innerTpid},
-            {"outer_tpid_action", command.outerTpidAction},
-            {"inner_tpid_action", command.innerTpidAction}};
+    Object row = {{"direction", direction}, {"kind", "command"}, {"id", id}};
+    for (const Field &field : wordFields(command)) {
+        row[std::string(field.name)] = std::get<u64>(field.value);
+    }
+    return row;
 }
 
 static const std::vector<Column> s_commandColumns = {{"DIRECTION", "direction"},

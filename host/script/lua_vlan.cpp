@@ -1,4 +1,5 @@
 /* vlan, engine: VLAN edits, what the module books of them, and what the engine makes of them. */
+#include "inspect/records.h"
 #include "script/host.h"
 #include "script/lua_api.h"
 #include "watch/leftovers.h"
@@ -97,9 +98,9 @@ static int vlanDump(Call &call)
 /* ---- tables ---- */
 
 /* One row of a shown table: printed, and appended as a table to the list on top of the stack. */
-static void addRow(Call &call, const char *what, std::initializer_list<Field> fields)
+static void addRow(Call &call, const char *what, const std::vector<Field> &fields)
 {
-    call.host.journal.write(Kind::text, what, fields);
+    call.host.journal.write(Kind::text, what, std::span<const Field>(fields));
     const auto next = static_cast<lua_Integer>(lua_rawlen(call.L, -1)) + 1;
     lua_newtable(call.L);
     for (const Field &field : fields) {
@@ -110,16 +111,9 @@ static void addRow(Call &call, const char *what, std::initializer_list<Field> fi
 
 static void addCommand(Call &call, const char *what, u32 id, const VlanEditCommand &command)
 {
-    addRow(call, what,
-           {{"id", id},
-            {"outer_tag", command.outerTag},
-            {"inner_tag", command.innerTag},
-            {"outer_pri", command.outerPri},
-            {"inner_pri", command.innerPri},
-            {"outer_tpid", command.outerTpid},
-            {"inner_tpid", command.innerTpid},
-            {"outer_tpid_action", command.outerTpidAction},
-            {"inner_tpid_action", command.innerTpidAction}});
+    std::vector<Field> fields = wordFields(command);
+    fields.insert(fields.begin(), {"id", id});
+    addRow(call, what, fields);
 }
 
 /* {profiles=..., commands=..., mappings=...} of one direction, on top of the stack. */

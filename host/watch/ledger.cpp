@@ -135,9 +135,13 @@ void Ledger::forgetTold(TokenTable table, const void *key)
     if (key == nullptr) {
         return;
     }
+    const Name name = {table, keyText(copyKey(table, key))};
+    if (std::lock_guard lock(mutex_); !waiters_.contains(name)) {
+        return; // most releases: the module need not be asked
+    }
     const auto left = inspector_.waiters(table, key);
     std::lock_guard lock(mutex_);
-    const auto entry = waiters_.find({table, keyText(copyKey(table, key))});
+    const auto entry = waiters_.find(name);
     if (entry == waiters_.end()) {
         return;
     }

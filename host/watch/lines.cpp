@@ -138,76 +138,37 @@ static Line lineOf(const Patch &call)
 {
     return {Kind::call,
             "host.patch",
-            {{"operation", call.operation == L2RES_PATCH_ACTIVATE ? "activate" : "deactivate"},
+            {{"operation", call.code == L2RES_PATCH_ACTIVATE ? "activate" : "deactivate"},
              {"library", std::string_view(call.library)}},
             success};
 }
 
 /* ---- out of the module ---- */
 
-static Line lineOf(const InitPartition &call)
+static Field argument(const char *name, const char *text)
 {
-    return {
-        Kind::service, "memory.initPartition", {{"id", call.id}, {"name", textOr(call.name, "")}}};
+    return {name, textOr(text, "")};
 }
 
-static Line lineOf(const PartitionNumber &call)
+static Field argument(const char *name, u64 number)
 {
-    return {Kind::service,
-            "memory.getPartitionNumber",
-            {{"id", call.id}, {"name", textOr(call.name, "")}}};
+    return {name, number};
 }
 
-static Line lineOf(const SysTime &)
+/* A service. */
+static Line lineOf(const auto &call)
 {
-    return {Kind::service, "time.getSysTime"};
-}
-
-static Line lineOf(const SelfSlot &)
-{
-    return {Kind::service, "orchestration.getSelfSlot"};
-}
-
-static Line lineOf(const AlarmCreate &call)
-{
-    return {Kind::service,
-            "log.objCreate",
-            {{"kind", call.kind}, {"alarm", call.alarm}, {"object", *call.object}}};
-}
-
-static Line lineOf(const AlarmAttributes &call)
-{
-    return {Kind::service, "log.setAlarmComAttr", {{"object", call.object}}};
-}
-
-static Line lineOf(const AlarmParameter &call)
-{
-    return {Kind::service, "log.addPara", {{"object", call.object}}};
-}
-
-static Line lineOf(const AlarmSend &call)
-{
-    return {Kind::service, "log.send", {{"object", call.object}}};
-}
-
-static Line lineOf(const AlarmFree &call)
-{
-    return {Kind::service, "log.objFree", {{"object", call.object}}};
-}
-
-static Line lineOf(const LogRegister &call)
-{
-    return {
-        Kind::service, "debuglog.register", {{"name", textOr(call.name, "")}, {"id", *call.id}}};
-}
-
-static Line lineOf(const BlackBoxRegister &call)
-{
-    return {Kind::service,
-            "blackbox.register",
-            {{"name", textOr(call.name, "")},
-             {"description", textOr(call.description, "")},
-             {"id", *call.id}}};
+    Line line{Kind::service, call.operation};
+    if constexpr (requires { call.each([](const char *, auto) {}); }) {
+        call.each(
+            [&](const char *name, auto value) { line.fields.push_back(argument(name, value)); });
+    }
+    if constexpr (requires { call.eachPlace([](const char *, auto &) {}); }) {
+        call.eachPlace([&](const char *name, const auto &value) {
+            line.fields.push_back(argument(name, value));
+        });
+    }
+    return line;
 }
 
 static Line lineOf(const LogLine &call)
