@@ -48,8 +48,11 @@ Ledger::Before Ledger::lookBefore(const Token &call) const
         return {asked, {}, ruleOn(asked, std::nullopt, 0)};
     }
     const auto holder = inspector_.holder(asked.table, key);
-    const auto waiting = inspector_.waiters(asked.table, key).size();
-    return {asked, copyKey(asked.table, key), ruleOn(asked, holder, waiting)};
+    Ruling ruling = ruleOn(asked, holder, 0);
+    if (ruling.waits) { // only then the number of those who wait matters
+        ruling = ruleOn(asked, holder, inspector_.waiters(asked.table, key).size());
+    }
+    return {asked, copyKey(asked.table, key), ruling};
 }
 
 void Ledger::lookAfter(const Before &before, u32 result)
