@@ -238,9 +238,8 @@ static void tell(Journal &journal, const auto &event, Passage &passage, const Ne
     constexpr bool untold = std::is_same_v<E, Tick> || std::is_same_v<E, Message> ||
                             std::is_same_v<E, FindTable> || std::is_same_v<E, QueueCount> ||
                             std::is_same_v<E, QueueWrite>;
-    if constexpr (untold) {
-        next();
-    } else if (const Kind kind = kindOf<E>(); !journal.isWanted(kind)) {
+    const Kind kind = kindOf<E>();
+    if (untold || !journal.isWanted(kind)) {
         next();
     } else if (kind == Kind::call || kind == Kind::notify) {
         const Line line = lineOf(event);

@@ -33,14 +33,13 @@ static bool isSelected(const VlanAssign &call, const Symbols &module)
 
 static std::string reasonOf(const VlanAssign &call, const Symbols &module)
 {
-    std::string fault = editFault(call.info, call.flag);
-    if (fault.empty() && call.profile == nullptr) {
-        fault = "there is no place for the profile id";
+    if (std::string fault = editFault(call.info, call.flag); !fault.empty()) {
+        return fault;
     }
-    if (fault.empty()) {
-        fault = rangeFault(*call.info);
+    if (call.profile == nullptr) {
+        return "there is no place for the profile id";
     }
-    if (!fault.empty()) {
+    if (std::string fault = rangeFault(*call.info); !fault.empty()) {
         return fault;
     }
     return isSelected(call, module)
@@ -50,8 +49,7 @@ static std::string reasonOf(const VlanAssign &call, const Symbols &module)
 
 static std::string reasonOf(const VlanRelease &call, const Symbols &)
 {
-    const std::string fault = editFault(call.info, call.flag);
-    if (!fault.empty()) {
+    if (std::string fault = editFault(call.info, call.flag); !fault.empty()) {
         return fault;
     }
     const u32 service = call.info->servType;
