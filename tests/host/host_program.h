@@ -29,22 +29,24 @@ inline std::string readFile(const fs::path &path)
     return text.str();
 }
 
-/* A directory of the test's own. */
-inline fs::path directory()
+/* A directory of the running test's own. */
+inline fs::path &directory()
 {
-    static const fs::path path = [] {
-        std::string made = testing::TempDir() + "host_test.XXXXXX";
-        if (mkdtemp(made.data()) == nullptr) {
-            throw fs::filesystem_error("mkdtemp", made,
-                                       std::error_code(errno, std::system_category()));
-        }
-        return fs::path(made);
-    }();
+    static fs::path path;
     return path;
 }
 
 class Host : public testing::Test {
 protected:
+    Host()
+    {
+        std::string made = testing::TempDir() + "host_test.XXXXXX";
+        if (mkdtemp(made.data()) == nullptr) {
+            throw fs::filesystem_error("mkdtemp", made,
+                                       std::error_code(errno, std::system_category()));
+        }
+        directory() = made;
+    }
     ~Host() override
     {
         fs::remove_all(directory());
