@@ -34,6 +34,15 @@ static std::string refuseScenario(const std::string &output)
     return output.ends_with(".lua") ? output + " is a scenario's name" : "";
 }
 
+/* A record may be the only one of its kind. */
+static std::string refuseExisting(const std::string &record)
+{
+    std::error_code ignored;
+    const bool kept = std::filesystem::is_regular_file(record, ignored) &&
+                      std::filesystem::file_size(record, ignored) != 0;
+    return kept ? record + " is there already" : "";
+}
+
 static void addOptions(CLI::App &app, Options &options)
 {
     app.add_option("--module", options.module, "The module to load")->take_last();
@@ -63,6 +72,7 @@ static void addOptions(CLI::App &app, Options &options)
                  "A prompt, after the scenario if there is one");
     app.add_option("--record", options.record, "Record all that passes between host and module")
         ->check(refuseScenario)
+        ->check(refuseExisting)
         ->take_last();
     app.add_option("--metrics", options.metrics, "Keep a Prometheus text file of counters")
         ->check(refuseScenario)
@@ -119,11 +129,18 @@ static Options parseOptions(int argc, char **argv)
             },
             "Print the reference of the scenarios' functions");
         app.add_option("SCENARIO", options.script, "Lua script to play");
-        app.add_option("--replay", options.replay, "Play a record instead, and compare")
-            ->excludes("SCENARIO");
-        app.add_flag("--partial", options.partial, "The record to replay was cut off")
-            ->needs("--replay");
         addOptions(app, options);
+        CLI::Option *replay =
+            app.add_option("--replay", options.replay, "Play a record instead, and compare");
+        // What was played is in the record.
+        for (CLI::Option *option : app.get_options()) {
+            const std::string name = option->get_name();
+            if (option != replay && name != "--module" && name != "--help" && name != "--manual") {
+                replay->excludes(option);
+            }
+        }
+        app.add_flag("--partial", options.partial, "The record to replay was cut off")
+            ->needs(replay);
         try {
             app.parse(argc, argv);
         } catch (const CLI::CallForHelp &) {

@@ -47,7 +47,7 @@ public:
     {
         return size_;
     }
-    u64 read() const
+    u64 readSoFar() const
     {
         return read_;
     }
@@ -55,6 +55,7 @@ public:
 private:
     void checkHeader();
     void checkEnd();
+    void read(Line &line);
     bool getLine(std::string &line);
     [[noreturn]] void damaged(const std::string &why) const;
 
@@ -140,49 +141,55 @@ std::optional<Line> RecordFile::next()
         }
         return std::nullopt;
     }
+    try {
+        read(line);
+    } catch (const std::exception &error) {
+        damaged(error.what());
+    }
+    return line;
+}
+
+/* What the line says, from its text. Throws with what is wrong with it. */
+void RecordFile::read(Line &line)
+{
     line.fields = Value::parse(line.text, nullptr, false);
     if (!line.fields.is_object()) {
-        damaged("no JSON object");
+        throw std::runtime_error("no JSON object");
     }
-    try {
-        if (line.fields.contains("end")) {
-            line.kind = "end";
-            if (numberIn<u64>(line.fields, "end") != lastNumber_ ||
-                numberIn<u64>(line.fields, "inputs") != inputs_ ||
-                numberIn<u64>(line.fields, "outputs") != outputs_) {
-                damaged("the counts are not those of the lines before");
-            }
-            return line;
+    if (line.fields.contains("end")) {
+        line.kind = "end";
+        if (numberIn<u64>(line.fields, "end") != lastNumber_ ||
+            numberIn<u64>(line.fields, "inputs") != inputs_ ||
+            numberIn<u64>(line.fields, "outputs") != outputs_) {
+            throw std::runtime_error("the counts are not those of the lines before");
         }
-        line.number = numberIn<u64>(line.fields, "n");
-        if (line.number != ++lastNumber_) {
-            damaged("number " + std::to_string(lastNumber_) + " is missing");
+        return;
+    }
+    line.number = numberIn<u64>(line.fields, "n");
+    if (line.number != ++lastNumber_) {
+        throw std::runtime_error("number " + std::to_string(lastNumber_) + " is missing");
+    }
+    for (const char *kind : {"in", "out", "stray", "result", "answer"}) {
+        const auto what = line.fields.find(kind);
+        if (what == line.fields.end()) {
+            continue;
         }
-        for (const char *kind : {"in", "out", "stray", "result", "answer"}) {
-            const auto what = line.fields.find(kind);
-            if (what == line.fields.end()) {
-                continue;
-            }
-            line.kind = kind;
-            if (what->is_string()) {
-                line.operation = *what;
-            } else {
-                line.of = numberIn<u64>(line.fields, kind);
-            }
-            line.fields.erase(what);
+        line.kind = kind;
+        if (what->is_string()) {
+            line.operation = *what;
+        } else {
+            line.of = numberIn<u64>(line.fields, kind);
         }
-    } catch (const Value::exception &error) {
-        damaged(error.what());
+        line.fields.erase(what);
     }
     const bool call = line.kind == "in" || line.kind == "out" || line.kind == "stray";
     if (line.kind.empty() || line.operation.empty() == call) {
-        damaged("no line of a record");
+        throw std::runtime_error("no line of a record");
     }
     for (const char *about : {"n", "t", "th"}) {
         line.fields.erase(about);
     }
     (line.kind == "in" || line.kind == "answer" ? inputs_ : outputs_) += 1;
-    return line;
 }
 
 /* ---- playing ---- */
@@ -256,7 +263,7 @@ Line Replayer::next()
             endProcess(0);
         }
         if (progress_) {
-            progress_->update(file_.read());
+            progress_->update(file_.readSoFar());
         }
         if (line->kind != "stray") {
             return std::move(*line);

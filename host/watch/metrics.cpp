@@ -249,13 +249,14 @@ void Metrics::keepWriting()
             std::unique_lock lock(mutex_);
             last = ended_.wait_for(lock, writePeriod, [this] { return stop_; });
         }
+        std::string failure;
         try {
             write();
         } catch (const std::exception &error) {
-            std::lock_guard lock(mutex_);
-            failure_ = error.what();
-            return;
+            failure = error.what();
         }
+        std::lock_guard lock(mutex_);
+        failure_ = failure;
     }
 }
 

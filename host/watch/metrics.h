@@ -32,7 +32,7 @@ public:
     /* The last time. */
     void finish();
 
-    /* What went wrong with the file, "" for nothing. */
+    /* What went wrong when the file was last written, "" for nothing. */
     std::string failure() const;
 
     void on(const Event &event) override;

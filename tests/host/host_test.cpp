@@ -240,6 +240,7 @@ INSTANTIATE_TEST_SUITE_P(
         ScriptRow{"OptionOutOfRange", "", "--speed 0", {"^l2rsm-host: --speed: "}},
         ScriptRow{"UnknownOption", "", "--bogus", {"^l2rsm-host: .*--bogus"}},
         ScriptRow{"ScenarioAsOutput", "", "--record", {"^l2rsm-host: --record: .*x.lua is a scen"}},
+        ScriptRow{"RecordThatExists", "", "--record /etc/passwd", {"/etc/passwd is there already"}},
         ScriptRow{"DebugLevel", "", "--debug-level loud", {"--debug-level: loud not in"}},
         ScriptRow{"NoSuchModule",
                   "",

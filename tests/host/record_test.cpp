@@ -137,12 +137,23 @@ INSTANTIATE_TEST_SUITE_P(
         EditRow{"LastLineCut", R"("outputs":\d+\}\n$)", "", {"^$"}, "the record was cut off"},
         EditRow{"LineMissing", R"(\{"n":30,.*\n)", "", {}, ":31: damaged record: number 30 is"},
         EditRow{"Counts", R"(("inputs":))", "$011", {}, "damaged record: the counts"},
+        EditRow{"NumberOfAnotherType", R"("n":30,)", R"("n":"x",)", {}, R"(:31: .*: n is "x")"},
         EditRow{"NoJson", R"(\{("n":30,))", "$01", {}, ":31: damaged record: no JSON object"},
         EditRow{"InputOfAnotherType", R"("op":1)", R"("op":"1")", {}, R"(getIcibToken: op is "1")"},
         EditRow{"UnknownInput", "getIcibToken", "getEcibToken", {}, "unknown operation getEcib"},
         EditRow{"AnswerOfAnotherType", R"("total":4096)", R"("total":[])", {}, R"(total is \[\])"},
         EditRow{"AnswerMissing", R"("answer":)", R"("result":)", {}, "the answer to .* missing"}),
     [](const auto &row) { return std::string(row.param.name); });
+
+TEST_F(Record, AReplayTakesNoOtherOptions)
+{
+    ASSERT_EQ(record(first).status, 0);
+    for (const std::string option : {"--speed 5", "--trace", "--json", "-i", "--metrics m"}) {
+        const Outcome run = replay(file_, option);
+        EXPECT_EQ(run.status, 1);
+        expectLines(run.err, {"^l2rsm-host: --\\w+ excludes --replay\n$"});
+    }
+}
 
 TEST_F(Record, WhatIsLeftOfACutOneReplaysWhenAsked)
 {
@@ -226,6 +237,18 @@ std::map<std::string, double> parseMetrics(const std::string &text)
     }
     EXPECT_TRUE(text.ends_with('\n'));
     return samples;
+}
+
+TEST_F(Record, MetricsGoOnAfterAFailedWrite)
+{
+    const fs::path metrics = directory() / "m.prom", temporary = directory() / "m.prom.tmp";
+    // In the way for longer than the period of writing.
+    const Outcome run = playScript("assert(os.execute('mkdir " + temporary.string() + "'))\n" +
+                                       "icib.add{service=1, fwd=1, stamp=5} host.wait(3000)\n" +
+                                       "assert(os.execute('rmdir " + temporary.string() + "'))",
+                                   "--speed 1000 --metrics '" + metrics.string() + "'");
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_THAT(readFile(metrics), HasSubstr("service=\"1\",result=\"granted\"} 1\n"));
 }
 
 TEST_F(Record, MetricsCountWhatHappened)
