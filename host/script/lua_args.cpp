@@ -10,6 +10,20 @@
 
 namespace host {
 
+/* What ends a line, or a text of C, is escaped. */
+static std::string oneLine(const std::string &text)
+{
+    std::string line;
+    for (const char c : text) {
+        line += c == '\n' ? " " : c == '\0' ? "\\x00" : std::string(1, c);
+    }
+    return line;
+}
+
+ScriptError::ScriptError(const std::string &text) : runtime_error(oneLine(text))
+{
+}
+
 namespace param {
 
 static Param integer(const char *name, const char *help, ::u64 max)
@@ -90,6 +104,13 @@ Param any(const char *name, const char *help)
 
 /* ---- reading ---- */
 
+std::string_view textAt(lua_State *L, int index)
+{
+    std::size_t length = 0;
+    const char *text = lua_tolstring(L, index, &length);
+    return {text, length};
+}
+
 static std::string typeName(lua_State *L, int index)
 {
     return lua_typename(L, lua_type(L, index));
@@ -113,11 +134,11 @@ static u64 readInteger(lua_State *L, const Param &param, int index, const std::s
     };
     // Lua's integers end at 2^63-1; what is above comes as a text.
     if (lua_type(L, index) == LUA_TSTRING && param.max == std::numeric_limits<u64>::max()) {
-        const std::string_view text = lua_tostring(L, index);
+        const std::string_view text = textAt(L, index);
         u64 value = 0;
         const auto [end, error] = std::from_chars(text.begin(), text.end(), value);
         if (error != std::errc() || end != text.end()) {
-            throw outOfRange("\"" + std::string(text) + "\"");
+            throw outOfRange(quoted(text));
         }
         return value;
     }
@@ -144,7 +165,8 @@ static u64 readChoice(lua_State *L, const Param &param, int index, const std::st
         return readInteger(L, param, index, what);
     }
     std::string wanted;
-    const std::string_view name = lua_type(L, index) == LUA_TSTRING ? lua_tostring(L, index) : "";
+    const bool text = lua_type(L, index) == LUA_TSTRING;
+    const std::string_view name = text ? textAt(L, index) : "";
     for (const Choice &choice : param.choices) {
         if (name == choice.name) {
             return choice.value;
@@ -152,9 +174,7 @@ static u64 readChoice(lua_State *L, const Param &param, int index, const std::st
         wanted += std::string(wanted.empty() ? "\"" : ", \"") + choice.name + "\"";
     }
     throw ScriptError(what + " must be one of " + wanted + (param.orNumber ? " or a number" : "") +
-                      ", not " +
-                      (lua_type(L, index) == LUA_TSTRING ? "\"" + std::string(name) + "\""
-                                                         : "a " + typeName(L, index)));
+                      ", not " + (text ? quoted(name) : "a " + typeName(L, index)));
 }
 
 static void expectType(lua_State *L, int index, int type, const std::string &what)
@@ -185,13 +205,12 @@ void Values::set(lua_State *L, const Param &param, int index, const std::string 
         break;
     case Param::Type::text: {
         expectType(L, index, LUA_TSTRING, what);
-        std::size_t length = 0;
-        const char *text = lua_tolstring(L, index, &length);
-        if (length > param.maxLength) {
+        const std::string_view text = textAt(L, index);
+        if (text.size() > param.maxLength) {
             throw ScriptError(what + " must have at most " + std::to_string(param.maxLength) +
-                              " bytes, not " + std::to_string(length));
+                              " bytes, not " + std::to_string(text.size()));
         }
-        value = std::string_view(text, length);
+        value = text;
         break;
     }
     case Param::Type::boolean:
@@ -223,9 +242,9 @@ static void rejectUnknown(lua_State *L, int index, const std::vector<Param> &par
             throw ScriptError(who + ": takes named fields, as in " + who + "{" +
                               (params.empty() ? "" : params.front().name + "=...") + "}");
         }
-        const std::string_view name = lua_tostring(L, -1);
+        const std::string_view name = textAt(L, -1);
         if (std::ranges::none_of(params, [&](const Param &p) { return p.name == name; })) {
-            throw ScriptError(who + ": unknown field \"" + std::string(name) + "\"");
+            throw ScriptError(who + ": unknown field " + quoted(name));
         }
     }
 }
@@ -388,7 +407,7 @@ std::string showValue(lua_State *L, int index, int depth)
         return text;
     }
     case LUA_TSTRING:
-        return quoted(lua_tostring(L, index));
+        return quoted(textAt(L, index));
     case LUA_TTABLE:
         break;
     default:
@@ -401,7 +420,8 @@ std::string showValue(lua_State *L, int index, int depth)
         const int value = lua_gettop(L);
         std::string part;
         if (lua_type(L, value - 1) == LUA_TSTRING) {
-            part = std::string(lua_tostring(L, value - 1)) + "=";
+            const std::string name(textAt(L, value - 1)), inQuotes = host::quoted(name);
+            part = (inQuotes.size() == name.size() + 2 ? name : "[" + inQuotes + "]") + "=";
         }
         part += depth < 3 && lua_checkstack(L, 8) ? showValue(L, value, depth + 1) : "...";
         parts.push_back(std::move(part));
@@ -454,11 +474,9 @@ bool protectedCall(lua_State *L, int arguments, int results)
 
 std::string popError(lua_State *L)
 {
-    std::size_t length = 0;
-    const char *message = lua_tolstring(L, -1, &length);
-    std::string text = message != nullptr ? std::string(message, length) : "unknown error";
+    const std::string text =
+        lua_isstring(L, -1) ? oneLine(std::string(textAt(L, -1))) : "unknown error";
     lua_pop(L, 1);
-    std::ranges::replace(text, '\n', ' ');
     return text;
 }
 

@@ -34,9 +34,9 @@ namespace host {
 
 struct Host;
 
-/* Ends the script; the position in the script is put before the text. */
+/* Ends the script; the position in the script is put before the text, which becomes one line. */
 struct ScriptError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+    explicit ScriptError(const std::string &text);
 };
 
 /* The same from a handler of the script: the text begins with its own position. */
@@ -166,6 +166,9 @@ void setTop(lua_State *L, const char *name); // field = the value on top, which 
 
 /* Makes rows callable in L. The rows must live as long as L. */
 void defineFunctions(lua_State *L, Host &host, const std::vector<Function> &functions);
+
+/* The string at the index, with the zero bytes that it may have. Valid while it is on the stack. */
+std::string_view textAt(lua_State *L, int index);
 
 /* A value as a complaint or the prompt shows it: {1, a="x"}. */
 std::string showValue(lua_State *L, int index, int depth = 0);

@@ -63,7 +63,7 @@ static int hostWaitFor(Call &call)
         done = [&] { return conditionHolds(call, what); };
     } else {
         const std::string_view event =
-            lua_type(call.L, what) == LUA_TSTRING ? lua_tostring(call.L, what) : "";
+            lua_type(call.L, what) == LUA_TSTRING ? textAt(call.L, what) : "";
         const u64 before =
             event == "alarm" ? host.services.alarmChanges() : host.scenario.delivered();
         if (event == "alarm") {

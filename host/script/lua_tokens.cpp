@@ -15,6 +15,14 @@ static std::vector<Param> join(std::vector<Param> list, const std::vector<Param>
 
 static const Param s_service = param::u32("service", "service type of the client, 0..8");
 
+/* Of a service that exists: one above would be told nothing, ever. */
+static Param handledService()
+{
+    Param service = s_service;
+    service.max = L2RES_SERVICE_COUNT - 1;
+    return service;
+}
+
 static const std::vector<Param> s_icibKey = {
     param::u32("keytype", "kind of ICIB key").optional(),
     param::u16("port", "global port").optional(),
@@ -212,14 +220,15 @@ std::vector<Function> tokenFunctions()
                     "Registers a service for any table.",
                     "code",
                     notifyRegister});
-    rows.push_back({"on",
-                    "notify",
-                    Style::positional,
-                    {s_service, param::function("handler", "function(event, record, data, table)")},
-                    "What the service does when it is notified; an integer it returns goes back "
-                    "to the module.",
-                    "",
-                    onNotify});
+    rows.push_back(
+        {"on",
+         "notify",
+         Style::positional,
+         {handledService(), param::function("handler", "function(event, record, data, table)")},
+         "What the service does when it is notified; an integer it returns goes back "
+         "to the module.",
+         "",
+         onNotify});
     return rows;
 }
 
