@@ -43,7 +43,7 @@ void start(Host &host, const Options &options)
         host.metrics.start(options.metrics, options.script, options.module);
     }
     host.leftovers.remember(host.module);
-    const auto quiet = Printer::quietThread();
+    const Printer::Quiet quiet;
     host.hooks.lend(host.module.table());
 }
 

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 
 #include "assembly.h"
@@ -209,11 +210,15 @@ static std::string runScenario(Host &device, const Options &options)
         }
         start(device, options);
         device.scenario.open();
-        if (!options.script.empty() || !wantsPrompt(options)) {
+        std::optional<Prompt> prompt;
+        if (wantsPrompt(options)) {
+            prompt.emplace(device);
+        }
+        if (!options.script.empty() || !prompt) {
             device.scenario.play(options.script);
         }
-        if (wantsPrompt(options)) {
-            Prompt(device).run();
+        if (prompt) {
+            prompt->run();
         }
         return "";
     } catch (const ScriptError &error) {

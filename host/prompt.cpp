@@ -1,5 +1,6 @@
 #include "prompt.h"
 
+#include <fcntl.h>
 #include <readline/history.h>
 #include <readline/readline.h>
 #include <sys/stat.h>
@@ -21,8 +22,8 @@ namespace host {
 
 static Prompt *s_prompt; // the editor's hooks carry no context
 static Host *s_host;
-static std::atomic<bool> s_interrupted;
-static bool s_dropped; // Ctrl-C gave up the chunk being typed
+static std::atomic<int> s_interrupts; // since a line or a chunk began
+static bool s_dropped;                // Ctrl-C gave up the chunk being typed
 
 /* ---- history ---- */
 
@@ -43,24 +44,30 @@ enum { HISTORY_LINES = 1000 };
 /* A session without a history is still a session: failures are not worth a word. */
 static void loadHistory()
 {
-    using_history();
-    stifle_history(HISTORY_LINES);
-    read_history(historyFile().c_str());
-}
-
-static void saveHistory()
-{
     const std::string file = historyFile();
-    if (!file.empty()) {
-        write_history(file.c_str());
+    using_history();
+    read_history(file.c_str());
+    if (history_length > 2 * HISTORY_LINES) {
+        history_truncate_file(file.c_str(), HISTORY_LINES);
     }
+    stifle_history(HISTORY_LINES);
 }
 
+/* At once, and behind what other sessions wrote: a session may end by a signal. */
 static void remember(const std::string &line)
 {
-    const HIST_ENTRY *last = history_length > 0 ? history_get(history_length) : nullptr;
-    if (!line.empty() && (last == nullptr || line != last->line)) {
-        add_history(line.c_str());
+    const HIST_ENTRY *last =
+        history_length > 0 ? history_get(history_base + history_length - 1) : nullptr;
+    if (line.empty() || (last != nullptr && line == last->line)) {
+        return;
+    }
+    add_history(line.c_str());
+    const int file =
+        open(historyFile().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (file >= 0) {
+        const std::string text = line + "\n";
+        (void)!write(file, text.data(), text.size());
+        close(file);
     }
 }
 
@@ -85,40 +92,52 @@ static char **completeWord(const char *, int start, int)
     return rl_completion_matches(rl_line_buffer + start, next);
 }
 
+/* ---- interrupts ---- */
+
+/* The first asks what runs to stop. Code that is not the interpreter's may not hear it. */
+static void onInterrupt(int)
+{
+    static const char notice[] = "\nnot stopped yet; once more ends the host\n";
+    s_host->scenario.interrupt(true);
+    const int count = ++s_interrupts;
+    if (count == 2) {
+        (void)!write(STDERR_FILENO, notice, sizeof notice - 1);
+    } else if (count > 2) {
+        std::signal(SIGINT, SIG_DFL);
+        std::raise(SIGINT);
+    }
+}
+
+/* What was interrupted is over: that is no reason to stop what comes next. */
+static void forgetInterrupt()
+{
+    s_interrupts = 0;
+    s_host->scenario.interrupt(false);
+}
+
+enum { CHECK_PERIOD = 1000 }; // instructions
+
+static void checkInterrupt(lua_State *L, lua_Debug *)
+{
+    const bool interrupted = s_host->scenario.interrupted();
+    // Then at every instruction, so that no loop around a pcall runs on.
+    lua_sethook(L, checkInterrupt, LUA_MASKCOUNT, interrupted ? 1 : CHECK_PERIOD);
+    if (interrupted) {
+        luaL_error(L, "interrupted");
+    }
+}
+
 static int waiting()
 {
-    if (s_interrupted.exchange(false)) {
+    if (s_interrupts != 0) {
+        forgetInterrupt();
         s_dropped = true;
         rl_replace_line("", 0);
-        rl_done = 1;
+        rl_stuff_char('\n'); // ends the line before what is typed next
         return 0;
     }
     s_prompt->attend();
     return 0;
-}
-
-/* ---- interrupts ---- */
-
-/* Ends the running chunk at its next instruction. */
-static void stopChunk(lua_State *L, lua_Debug *)
-{
-    lua_sethook(L, nullptr, 0, 0);
-    luaL_error(L, "interrupted");
-}
-
-static void onInterrupt(int)
-{
-    s_interrupted = true;
-    s_host->scenario.interrupt(true);
-    lua_sethook(s_host->scenario.state(), stopChunk, LUA_MASKCOUNT, 1);
-}
-
-/* An interrupt that came while nothing ran is no reason to stop the next chunk. */
-static void forgetInterrupt(lua_State *L)
-{
-    s_interrupted = false;
-    s_host->scenario.interrupt(false);
-    lua_sethook(L, nullptr, 0, 0);
 }
 
 /* ---- reading ---- */
@@ -126,6 +145,7 @@ static void forgetInterrupt(lua_State *L)
 static void startEditor()
 {
     rl_readline_name = "l2rsm-host";
+    rl_outstream = s_host->json ? stderr : stdout;
     rl_attempted_completion_function = completeWord;
     rl_completer_word_break_characters = wordBreaks;
     rl_completer_quote_characters = nullptr;
@@ -145,7 +165,7 @@ bool Prompt::readLine(const char *mark, std::string *line)
     char *typed = readline(mark);
     host_.printer.hold(false);
     if (typed == nullptr) {
-        std::fputs("\n", stdout);
+        std::fputs("\n", rl_outstream);
         return false;
     }
     *line = typed;
@@ -153,22 +173,30 @@ bool Prompt::readLine(const char *mark, std::string *line)
     return true;
 }
 
-void Prompt::attend()
+/* Above the line that is being edited. */
+static void showHeld(Printer &printer)
 {
-    std::string complaint;
-    try {
-        host_.scenario.deliver();
-    } catch (const std::exception &error) {
-        complaint = std::string(error.what()) + "\n";
-    }
-    const std::string lines = host_.printer.takeHeld() + complaint;
-    if (!lines.empty()) {
+    if (printer.hasHeld()) {
         rl_clear_visible_line();
-        std::fputs(lines.c_str(), stdout);
-        std::fflush(stdout);
+        std::fflush(rl_outstream);
+        printer.printHeld();
         rl_on_new_line();
         rl_forced_update_display();
     }
+}
+
+void Prompt::attend()
+{
+    showHeld(host_.printer);
+    rl_clear_signals(); // a handler can be interrupted, too
+    try {
+        host_.scenario.deliver();
+    } catch (const std::exception &error) {
+        complain(error.what());
+        forgetInterrupt();
+    }
+    rl_set_signals();
+    showHeld(host_.printer);
 }
 
 /* ---- commands ---- */
@@ -189,7 +217,7 @@ bool Prompt::command(const std::string &line)
     if (line == "help" || line.starts_with("help ")) {
         std::ostringstream text;
         writeHelp(text, trimmed(line.substr(4)));
-        host_.printer.write(text.str());
+        host_.printer.writeEvent(text.str());
         return true;
     }
     return line.empty();
@@ -199,7 +227,7 @@ bool Prompt::command(const std::string &line)
 
 void Prompt::complain(const std::string &text)
 {
-    host_.printer.write(text + "\n");
+    host_.printer.writeEvent(text + "\n");
 }
 
 /* "= 4 wait". The rows of a show function have just been printed. */
@@ -209,10 +237,10 @@ void Prompt::printResults(int first)
     std::string line;
     for (int index = first; index <= lua_gettop(L); ++index) {
         const bool text = lua_type(L, index) == LUA_TSTRING;
-        line += " " + (text ? std::string(lua_tostring(L, index)) : showValue(L, index));
+        line += " " + (text ? std::string(textAt(L, index)) : showValue(L, index));
     }
     if (!line.empty()) {
-        host_.printer.write("=" + line + "\n");
+        host_.printer.writeEvent("=" + line + "\n");
     }
 }
 
@@ -246,7 +274,7 @@ bool Prompt::evaluate(const std::string &chunk)
         lua_settop(L, bottom);
         return false;
     }
-    forgetInterrupt(L);
+    forgetInterrupt();
     const u64 written = host_.printer.written();
     if (status != LUA_OK || !protectedCall(L, 0, LUA_MULTRET)) {
         complain(popError(L));
@@ -255,7 +283,7 @@ bool Prompt::evaluate(const std::string &chunk)
         printResults(bottom + 1);
     }
     lua_settop(L, bottom);
-    forgetInterrupt(L);
+    forgetInterrupt();
     try {
         host_.scenario.deliver();
     } catch (const std::exception &error) {
@@ -266,16 +294,20 @@ bool Prompt::evaluate(const std::string &chunk)
 
 /* ---- the session ---- */
 
-void Prompt::run()
+Prompt::Prompt(Host &host) : host_(host), terminal_(isatty(STDIN_FILENO) != 0)
 {
     s_prompt = this;
     s_host = &host_;
-    terminal_ = isatty(STDIN_FILENO) != 0;
+    lua_sethook(host_.scenario.state(), checkInterrupt, LUA_MASKCOUNT, CHECK_PERIOD);
+}
+
+void Prompt::run()
+{
     if (terminal_) {
         startEditor();
         std::signal(SIGINT, onInterrupt);
-        host_.printer.write("`help` lists the functions, `help icib.add` describes one, Tab "
-                            "completes, `exit` ends.\n");
+        host_.printer.writeEvent("`help` lists the functions, `help icib.add` describes one, Tab "
+                                 "completes, `exit` ends.\n");
     }
     std::string chunk, line;
     while (!ended_ && readLine(chunk.empty() ? "> " : ">> ", &line)) {
@@ -283,7 +315,9 @@ void Prompt::run()
             chunk.clear();
             continue;
         }
-        remember(line);
+        if (terminal_) {
+            remember(line);
+        }
         if (chunk.empty() && command(trimmed(line))) {
             continue;
         }
@@ -297,7 +331,6 @@ void Prompt::run()
     }
     if (terminal_) {
         std::signal(SIGINT, SIG_DFL);
-        saveHistory();
     }
 }
 

@@ -16,9 +16,11 @@ struct Host;
 
 class Prompt {
 public:
-    explicit Prompt(Host &host) : host_(host)
-    {
-    }
+    /*
+     * There is one. Before the script that comes first, if there is one: from here on an interrupt
+     * ends what runs in the interpreter, also in coroutines that are made from here on.
+     */
+    explicit Prompt(Host &host);
 
     /*
      * Until `exit` or the end of input. On a terminal lines are edited, completed and kept in a
@@ -37,7 +39,7 @@ private:
     void complain(const std::string &text);
 
     Host &host_;
-    bool terminal_ = false;
+    const bool terminal_;
     bool ended_ = false;
 };
 

@@ -43,7 +43,7 @@ static int hostWait(Call &call)
 /* A condition of the script; what it looks up is not worth a line each time. */
 static bool conditionHolds(Call &call, int function)
 {
-    const auto quiet = Printer::quietThread();
+    const Printer::Quiet quiet;
     lua_pushvalue(call.L, function);
     if (!protectedCall(call.L, 0, 1)) {
         throw HandlerError(popError(call.L));

@@ -342,11 +342,11 @@ static std::vector<Object> registrations(const Call &call)
             if (isRegistered(table, service) == 0) {
                 continue;
             }
-            const auto callback = callbackOf(table, service);
-            rows.push_back({{"kind", "registration"},
-                            {"table", tableName(table)},
-                            {"service", service},
-                            {"callback", Notifications::ownerOf(callback, table, service)}});
+            rows.push_back(
+                {{"kind", "registration"},
+                 {"table", tableName(table)},
+                 {"service", service},
+                 {"callback", Notifications::ownerOf(callbackOf(table, service), table, service)}});
         }
     }
     return rows;

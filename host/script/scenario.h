@@ -41,6 +41,10 @@ public:
     {
         interrupted_ = on;
     }
+    bool interrupted() const
+    {
+        return interrupted_;
+    }
 
     /* The function at the stack index becomes the handler of the service. */
     void setHandler(lua_State *L, u32 service, int index);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <thread>
 
@@ -26,6 +27,7 @@ enum { ICIB, IPAT, TABLES };
  */
 constexpr u32 waitBudget[TABLES] = {L2RES_WAITERS_MAX, L2RES_WAITERS_MAX - 1};
 
+constexpr u32 ownKeys = 0x5354;     // keeps the keys apart from the scenario's
 constexpr u64 messageBytes = 16;    // of the module's memory, for each message to its worker
 constexpr u16 workerFwd = 99;       // the worker's callbacks ask under this type
 constexpr u16 firstClientFwd = 100; // client 0's forwarding type
@@ -88,7 +90,11 @@ private:
     bool holdsAfter(u32 table, u32 op, u32 result);
     void hold(u32 table, u32 key, u32 service);
     void query(u32 key);
-    u32 notified(u32 table, u32 service, u32 event, const void *record, const void *data);
+    std::optional<u32> notified(u32 table, u32 service, u32 event, const void *record,
+                                const void *data);
+    std::vector<u32> freeServices() const;
+    bool isOwnKey(u32 table, const void *record) const;
+    u32 toldOf(Request &waiter, u32 table, u32 service);
     void checkRequests();
     void drain();
     bool takeOver(TokenRequest &request);
@@ -103,6 +109,7 @@ private:
 
     Host &host_;
     const StressOptions options_;
+    std::vector<u32> services_; // the clients'
     std::array<std::vector<Entry>, TABLES> entries_;
     std::vector<Request> requests_;
     std::atomic<u32> requestCount_ = 0;
@@ -123,6 +130,8 @@ Stress::Stress(Host &host, const StressOptions &options)
       requests_(static_cast<std::size_t>(requestsPerStep) * stepsPerRound(options) *
                 options.clients)
 {
+    services_ = freeServices();
+    services_.resize(std::min<std::size_t>(services_.size(), options.clients));
 }
 
 void Stress::violate(const std::string &text)
@@ -149,10 +158,10 @@ TokenRequest Stress::request(u32 table, u32 key, u32 service, u32 op)
                      .op = op,
                      .fwd = t_thread.fwd,
                      .stamp = ++stamp_};
-    out.icib.keyType = 0x5354; // apart from the scenario's own entries
+    out.icib.keyType = ownKeys;
     out.icib.OutVlan = static_cast<u16>(key % 4);
     out.icib.keyAttr3 = key;
-    out.ipat = {0x53540000 + key, key % 4};
+    out.ipat = {(ownKeys << 16) + key, key % 4};
     return out;
 }
 
@@ -267,42 +276,62 @@ void Stress::step(u32 service)
 
 void Stress::client(u32 index, u32 operations)
 {
+    const Printer::Quiet quiet;
     t_thread.fwd = static_cast<u16>(firstClientFwd + index);
     t_thread.random.seed(options_.seed * 7919 + index * 104729 + round_ + 1);
     for (u32 i = 0; i < operations && !violated_; ++i) {
-        step(index);
+        step(services_[index % services_.size()]);
     }
 }
 
-u32 Stress::notified(u32 table, u32 service, u32 event, const void *record, const void *data)
+bool Stress::isOwnKey(u32 table, const void *record) const
 {
-    if (event != L2RES_EVENT_ENTRY_FREE || data == nullptr) {
-        return QOR_OK; // a table's idle notice, or a waiter of the scenario's own without data
+    return table == L2RES_TABLE_ICIB
+               ? static_cast<const L2ResIcibReOpRecord *>(record)->key.keyType == ownKeys
+               : table == L2RES_TABLE_IPAT &&
+                     static_cast<const L2ResIpatReOpRecord *>(record)->key.unit >> 16 == ownKeys;
+}
+
+/* None for what is not of the clients: a table's idle notice, another entry. */
+std::optional<u32> Stress::notified(u32 table, u32 service, u32 event, const void *record,
+                                    const void *data)
+{
+    if (event != L2RES_EVENT_ENTRY_FREE || record == nullptr || !isOwnKey(table, record)) {
+        return std::nullopt;
+    }
+    if (data == nullptr) {
+        return QOR_OK; // asked by drain()
     }
     ++notifications_;
     Data sent{};
-    std::memcpy(&sent, data, sizeof sent);
-    const u32 row = table == L2RES_TABLE_ICIB ? ICIB : IPAT;
-    if (sent.pattern != ~sent.request || sent.request >= requests_.size() || sent.round != round_) {
+    const bool whole = ZIR_MemSize(data) == sizeof sent;
+    std::memcpy(&sent, data, whole ? sizeof sent : 0);
+    if (!whole || sent.pattern != ~sent.request || sent.request >= requests_.size() ||
+        sent.round != round_) {
         violate("a callback of service " + std::to_string(service) + " brought damaged data");
         return QOR_FAIL;
     }
     Request &waiter = requests_[sent.request];
+    const u32 row = table == L2RES_TABLE_ICIB ? ICIB : IPAT;
     const TokenRequest asked = request(row, waiter.key, service, L2RES_OP_NONE);
     const bool sameKey =
-        row == ICIB
-            ? std::memcmp(record, &asked.icib, sizeof(u32)) == 0 &&
-                  static_cast<const L2ResIcibReOpRecord *>(record)->key.keyAttr3 == waiter.key
-            : std::memcmp(record, &asked.ipat, sizeof asked.ipat) == 0;
+        row == ICIB ? static_cast<const L2ResIcibReOpRecord *>(record)->key.keyAttr3 == waiter.key
+                    : std::memcmp(record, &asked.ipat, sizeof asked.ipat) == 0;
     if (waiter.table != row || !sameKey) {
         violate("a callback of service " + std::to_string(service) +
                 " brought another entry's key");
         return QOR_FAIL;
     }
+    return toldOf(waiter, row, service);
+}
+
+u32 Stress::toldOf(Request &waiter, u32 table, u32 service)
+{
+    const Printer::Quiet quiet; // it may be the worker's thread
     ++waiter.notified;
     if (!draining_ && !t_thread.passive && t_thread.nesting < maxNesting && t_thread.chance(2)) {
         ++t_thread.nesting;
-        attempt(row, waiter.key, service);
+        attempt(table, waiter.key, service);
         --t_thread.nesting;
     }
     return t_thread.chance(8) ? QOR_FAIL : QOR_OK; // the module only reports it
@@ -431,11 +460,32 @@ void Stress::round(u32 operations)
     checkRequests();
 }
 
+/* A component's callback, once replaced, would be lost. */
+std::vector<u32> Stress::freeServices() const
+{
+    const auto callbackOf = reinterpret_cast<decltype(&QOR_L2RES_GetRegFunc)>(
+        host_.module.symbol("QOR_L2RES_GetRegFunc"));
+    std::vector<u32> free;
+    for (u32 service = 0; service < L2RES_SERVICE_COUNT; ++service) {
+        const auto isTaken = [&](u32 table) {
+            const char *owner = Notifications::ownerOf(callbackOf(table, service), table, service);
+            return std::string_view(owner) == "component";
+        };
+        if (!isTaken(L2RES_TABLE_ICIB) && !isTaken(L2RES_TABLE_IPAT)) {
+            free.push_back(service);
+        }
+    }
+    return free;
+}
+
 StressReport Stress::run()
 {
-    const auto quiet = host_.printer.quietAll();
+    if (services_.empty()) {
+        return {"components have registered for every service", {}};
+    }
+    const Printer::Quiet quiet;
     const Ledger::Pause pause(host_.ledger);
-    for (u32 service = 0; service < options_.clients; ++service) {
+    for (const u32 service : services_) {
         host_.module.icibRegister(service, Notifications::callback);
         host_.module.ipatRegister(service, Notifications::callback);
     }
@@ -445,9 +495,12 @@ StressReport Stress::run()
         });
     const u32 perRound = stepsPerRound(options_);
     Progress progress("stress", options_.operations);
-    for (u32 done = 0; done < options_.operations && !violated_; done += perRound) {
+    for (u64 done = 0; done < options_.operations && !violated_; done += perRound) {
         progress.update(done);
-        round(std::min(perRound, options_.operations - done));
+        round(static_cast<u32>(std::min<u64>(perRound, options_.operations - done)));
+        if (host_.scenario.interrupted()) {
+            violate("interrupted");
+        }
     }
     host_.notifications.stopIntercepting();
     return {violation_,

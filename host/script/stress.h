@@ -10,7 +10,10 @@
  * and after every round, when all clients have stopped:
  *   - every request that was told to wait was notified, an ICIB one exactly once;
  *   - records and waiting entries are gone, and memory is what it was after the first round.
- * Bounded by work: the clients' operations, in rounds.
+ * Bounded by work: the clients' operations, in rounds; an interrupt ends it after a round.
+ *
+ * Entries and forwarding types are its own. The services are those that no loaded component has
+ * registered for; what the scenario is told meanwhile about other entries it is told as always.
  */
 #ifndef HOST_STRESS_H
 #define HOST_STRESS_H
@@ -37,7 +40,7 @@ struct StressReport {
     std::vector<std::pair<std::string, u64>> counts;
 };
 
-/* On the scenario's thread. While it runs, nothing but alarms is printed. */
+/* On the scenario's thread. Of what the clients do nothing is printed. */
 StressReport runStress(Host &host, const StressOptions &options);
 
 } // namespace host

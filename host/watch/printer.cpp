@@ -16,16 +16,11 @@ static std::string formatResult(const Event &event)
 
 thread_local int Printer::threadQuiet_ = 0;
 
-bool Printer::isQuiet() const
-{
-    return quiet_ != 0 || threadQuiet_ != 0;
-}
-
 /* Asked on the thread that the event is of. */
 bool Printer::wants(Kind kind) const
 {
     // A result is needed in quiet, too, while a call waits for it.
-    return !isQuiet() || kind == Kind::alarm || (kind == Kind::result && open_ != 0);
+    return threadQuiet_ == 0 || kind == Kind::alarm || (kind == Kind::result && open_ != 0);
 }
 
 void Printer::on(const Event &event)
@@ -80,7 +75,7 @@ void Printer::close(const Event &event, Stack &stack)
     const Open call = std::move(stack.back());
     stack.pop_back();
     --open_;
-    if (!isQuiet()) {
+    if (threadQuiet_ == 0) {
         print(event.at, stack.size(),
               (call.printed ? "= " + std::string(event.name) : call.line) + formatResult(event));
     }
@@ -105,7 +100,7 @@ void Printer::emit(std::FILE *stream, const std::string &text)
 {
     std::lock_guard lock(outputMutex_);
     if (holding_) {
-        held_ += text;
+        held_.emplace_back(stream, text);
     } else {
         std::fwrite(text.data(), 1, text.size(), stream);
     }
@@ -113,8 +108,10 @@ void Printer::emit(std::FILE *stream, const std::string &text)
 
 void Printer::write(const std::string &lines)
 {
-    ++written_;
-    emit(stdout, lines);
+    if (threadQuiet_ == 0) {
+        ++written_;
+        emit(stdout, lines);
+    }
 }
 
 void Printer::writeEvent(const std::string &lines)
@@ -127,19 +124,33 @@ void Printer::sendEventsToStandardError()
     events_ = stderr;
 }
 
+static void printLines(const std::vector<std::pair<std::FILE *, std::string>> &lines)
+{
+    for (const auto &[stream, text] : lines) {
+        std::fwrite(text.data(), 1, text.size(), stream);
+        std::fflush(stream);
+    }
+}
+
 void Printer::hold(bool held)
 {
     std::lock_guard lock(outputMutex_);
     holding_ = held;
     if (!held) { // before what others print next
-        std::fputs(std::exchange(held_, {}).c_str(), stdout);
+        printLines(std::exchange(held_, {}));
     }
 }
 
-std::string Printer::takeHeld()
+bool Printer::hasHeld()
 {
     std::lock_guard lock(outputMutex_);
-    return std::exchange(held_, {});
+    return !held_.empty();
+}
+
+void Printer::printHeld()
+{
+    std::lock_guard lock(outputMutex_);
+    printLines(std::exchange(held_, {}));
 }
 
 } // namespace host

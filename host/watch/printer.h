@@ -23,9 +23,9 @@ public:
     void on(const Event &event) override;
     bool wants(Kind kind) const override;
 
-    /* Lines as they are, without a time in front: tables, JSON. */
+    /* What a show function found, as it is; nothing from a thread that is quiet. */
     void write(const std::string &lines);
-    /* The same, where the events go. */
+    /* Lines without a time in front, where the events go. */
     void writeEvent(const std::string &lines);
     u64 written() const // how often write() was called
     {
@@ -35,39 +35,31 @@ public:
     void sendEventsToStandardError();
 
     /*
-     * While lines are held they are kept for the next takeHeld(): a prompt is being edited. What is
+     * While lines are held they are kept for the next printHeld(): a prompt is being edited. What is
      * left at the end is printed then.
      */
     void hold(bool held);
-    std::string takeHeld();
+    bool hasHeld();
+    void printHeld();
 
-    /* While a Quiet lives, nothing that its counter covers is printed but alarms. */
-    template <class Counter> class Quiet {
+    /*
+     * While a Quiet lives, nothing of its thread is printed but alarms. What other threads do
+     * meanwhile, the worker above all, is.
+     */
+    class Quiet {
     public:
-        explicit Quiet(Counter &counter) : counter_(counter)
+        Quiet()
         {
-            ++counter_;
+            ++threadQuiet_;
         }
         ~Quiet()
         {
-            --counter_;
+            --threadQuiet_;
         }
         Quiet(const Quiet &) = delete;
         Quiet &operator=(const Quiet &) = delete;
-
-    private:
-        Counter &counter_;
     };
-    Quiet<std::atomic<int>> quietAll()
-    {
-        return Quiet(quiet_);
-    }
-    /* What other threads do meanwhile, the worker above all, is printed. */
-    static Quiet<int> quietThread()
-    {
-        return Quiet(threadQuiet_);
-    }
-    /* While a Loud lives, quietThread() is without effect on its thread. */
+    /* While a Loud lives, a Quiet is without effect on its thread. */
     class Loud {
     public:
         Loud() : before_(std::exchange(threadQuiet_, 0))
@@ -92,14 +84,12 @@ private:
     };
     using Stack = std::vector<Open>;
 
-    bool isQuiet() const;
     void open(const Event &event, Stack &stack);
     void close(const Event &event, Stack &stack);
     void print(DeviceTime at, std::size_t depth, const std::string &line);
     void printOpen(DeviceTime at, Stack &stack);
 
     std::map<unsigned, Stack> stacks_; // by thread
-    std::atomic<int> quiet_ = 0;
     static thread_local int threadQuiet_;
     std::atomic<int> open_ = 0; // calls in all stacks
 
@@ -108,7 +98,7 @@ private:
     std::mutex outputMutex_; // guards what follows
     std::FILE *events_ = stdout;
     bool holding_ = false;
-    std::string held_;
+    std::vector<std::pair<std::FILE *, std::string>> held_;
 };
 
 } // namespace host

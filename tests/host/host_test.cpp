@@ -137,6 +137,21 @@ INSTANTIATE_TEST_SUITE_P(
                   "engine.set{table='sem', used=4096} alarm.check{type='sem'}",
                   "--slot 4",
                   {"ALARM sem raised: slot 4 "}},
+        // Whoever waits beside the load is told, a component as itself.
+        ScriptRow{"StressLeavesOthersAlone",
+                  "icib.register{service=3} icib.register{service=4}\n"
+                  "icib.add{service=4, fwd=1, stamp=1, port=9} local told = {}\n"
+                  "on.notify(3, function(_, _, data) told[#told + 1] = data end)\n"
+                  "expect(host.load('" REGISTERED "'), 0)\n"
+                  "icib.add{service=3, fwd=3, stamp=3, port=9, data='x'}\n"
+                  "local r = host.stress{operations=2000, keys=2}\n"
+                  "icib.free{service=4, op='delete', port=9} expect(told, {'x'})\n"
+                  // With 125 rounds and counts that start anew in each, most steps are requests.
+                  "expect({r.rounds, r.requests > 8000}, {125, true})\n"
+                  "expect(show.services{}[2], {show='services', kind='registration',\n"
+                  "    table='icib', service=1, callback='component'})",
+                  "--speed 100",
+                  {R"(notify event=free table=icib service=1 port=9.*-> 21\n)"}},
         // A machine that stands still lets a notification come before the wait for it.
         ScriptRow{"WaitsForTheNextNotification",
                   HELD "for i = 1, 99 do " WAITS "\n"
@@ -148,6 +163,11 @@ INSTANTIATE_TEST_SUITE_P(
                              "return true end, 6000)",
                   "--speed 100",
                   {R"(notify event=free .* \(on QOR_L2RSM\) -> 0\n)"}},
+        ScriptRow{"AConditionPrintsNoTables",
+                  "local looks = 0 host.wait_for(function() looks = looks + 1\n"
+                  "return #show.alarms{} == 0 or looks == 3 end, 6000) print('looked')",
+                  "",
+                  {R"(phase=3 -> 0\n.*\] looked\nscen)"}},
         ScriptRow{"TraceShowsHooksServicesAndLog",
                   "alarm.check{type='ecib'}",
                   "--trace",

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -38,14 +39,15 @@ std::vector<std::string> linesOf(const std::string &text)
 /* The program on a terminal of its own. */
 class Terminal {
 public:
-    explicit Terminal(const char *speed)
+    explicit Terminal(const std::string &arguments)
     {
         const std::string state = directory();
+        const std::string command = std::string("exec '") + HOST + "' " + arguments;
         child_ = forkpty(&master_, nullptr, nullptr, nullptr);
         if (child_ == 0) {
             setenv("TERM", "dumb", 1);
             setenv("XDG_STATE_HOME", state.c_str(), 1);
-            execl(HOST, HOST, "--speed", speed, nullptr);
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             _exit(127);
         }
     }
@@ -68,12 +70,24 @@ public:
     /* Reads until the text comes, which everything before it is then forgotten for. */
     void expect(const std::string &text)
     {
+        ASSERT_FALSE(testing::Test::HasFatalFailure()) << "nothing is worth waiting for any more";
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         while (seen_.find(text) == seen_.npos) {
             ASSERT_LT(std::chrono::steady_clock::now(), deadline) << text << "\nin\n" << seen_;
             ASSERT_TRUE(readSome()) << text << "\nin\n" << seen_;
         }
         seen_.erase(0, seen_.find(text) + text.size());
+    }
+
+    /* Types the keys once a second until the text comes. */
+    void insist(const std::string &keys, const std::string &text)
+    {
+        for (int tries = 0; tries < 60 && seen_.find(text) == seen_.npos; ++tries) {
+            type(keys);
+            while (seen_.find(text) == seen_.npos && readSome(1000)) {
+            }
+        }
+        expect(text);
     }
 
     /* Types a line and waits for what comes of it. */
@@ -85,6 +99,7 @@ public:
         }
     }
 
+    /* As a shell has it: a signal's number and 128. */
     int exitStatus()
     {
         while (readSome()) {
@@ -92,15 +107,15 @@ public:
         int status = 0;
         waitpid(child_, &status, 0);
         child_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
 private:
-    bool readSome()
+    bool readSome(int ms = 60000)
     {
         pollfd ready = {master_, POLLIN, 0};
         char buffer[4096];
-        if (poll(&ready, 1, 60000) != 1) {
+        if (poll(&ready, 1, ms) != 1) {
             return false;
         }
         const ssize_t got = read(master_, buffer, sizeof buffer);
@@ -113,9 +128,22 @@ private:
     std::string seen_;
 };
 
-TEST_F(Host, PromptFromStartToExit)
+class PromptTest : public Host {
+protected:
+    void SetUp() override
+    {
+        int master = -1, slave = -1;
+        if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
+            GTEST_SKIP() << "no pseudo-terminal: " << std::strerror(errno);
+        }
+        close(slave);
+        close(master);
+    }
+};
+
+TEST_F(PromptTest, FromStartToExit)
 {
-    Terminal terminal("10");
+    Terminal terminal("--speed 10");
     terminal.expect("> ");
     terminal.type("icib.a\t"); // a function, then a field
     terminal.expect("icib.add{");
@@ -136,10 +164,8 @@ TEST_F(Host, PromptFromStartToExit)
     terminal.enter("for i = 1, 2 do", {">> "});
     terminal.enter("print('got ' .. i * 21) end", {"got 42"});
     terminal.enter("1 + 1, {a='x'}", {"= 2 {a=\"x\"}"});
-    // Allocates: a thread sanitizer lets signals in at library calls only.
-    terminal.enter("print('endless') while true do local t = {} end", {"] endless"});
-    terminal.type("\x03");
-    terminal.expect("interrupted");
+    // A word is completed where the cursor is: type(icib.del), one to the left.
+    terminal.enter("type(icib.del)\x02\t}", {"icib.delete: field \"service\" is missing"});
     terminal.enter("help", {"vlan.assign{...}"});
     terminal.enter("help icib.free", {"Frees a token", "returns code"});
     terminal.enter("help nosuch", {"no function or topic \"nosuch\""});
@@ -152,7 +178,75 @@ TEST_F(Host, PromptFromStartToExit)
     terminal.enter("exit", {"left behind: icib port=3: token for add never freed (service 1, type "
                             "10, stamp 100)"});
     EXPECT_EQ(terminal.exitStatus(), 0);
-    EXPECT_THAT(readFile(directory() / "l2rsm-host_history"), HasSubstr("nosuch.thing()"));
+}
+
+TEST_F(PromptTest, InterruptsEndWhatRuns)
+{
+    Terminal terminal("--speed 10");
+    terminal.expect("> ");
+    // They allocate: a thread sanitizer lets signals in at library calls only.
+    const std::string loop = "print('run' .. 'ning') while true do local t = {} end";
+    terminal.enter("icib.register{service=2} on.notify(2, function() " + loop + " end)", {"-> 0"});
+    for (const std::string &endless :
+         {loop, "coroutine.wrap(function() " + loop + " end)()",
+          "local f = function() " + loop + " end while true do pcall(f) end",
+          std::string("print('run' .. 'ning') while true do pcall(host.wait, 1e6) end"),
+          std::string("print('run' .. 'ning') host.stress{operations=4000000000, keys=2}"),
+          std::string("icib.add{service=1, fwd=1, stamp=1} icib.add{service=2, fwd=2, stamp=2} "
+                      "icib.free{service=1, op='add'}")}) {
+        terminal.enter(endless, {"running"});
+        terminal.type("\x03");
+        terminal.expect("interrupted");
+        terminal.expect("> ");
+    }
+    // In a handler that came while nobody typed, and what is typed next is a line of its own.
+    terminal.enter("icib.add{service=1, fwd=1, stamp=9, port=5} "
+                   "icib.add{service=2, fwd=2, stamp=10, port=5}",
+                   {"-> 4 wait", "notify event=free"});
+    terminal.insist("\x03", "interrupted");
+    terminal.type("nosuch\x03");
+    terminal.expect("^C");
+    terminal.enter("print(6 * 7)", {"] 42"});
+    // What no interpreter runs can only be ended with the host.
+    terminal.enter("print('load' .. 'ing') host.load('" HANGING "')", {"] loading"});
+    terminal.insist("\x03", "once more ends the host");
+    terminal.type("\x03");
+    EXPECT_EQ(terminal.exitStatus(), 128 + SIGINT);
+}
+
+TEST_F(PromptTest, SessionsShareTheHistory)
+{
+    Terminal first("--speed 10"), second("--speed 10");
+    first.expect("> ");
+    second.expect("> ");
+    first.enter("'fir' .. 'st'", {"= first"});
+    second.enter("'sec' .. 'ond'", {"= second"});
+    second.enter("exit", {});
+    EXPECT_EQ(second.exitStatus(), 0);
+    first.enter("'thi' .. 'rd'", {"= third"});
+    // The first one ends by a signal.
+    const fs::path history = directory() / "l2rsm-host_history";
+    EXPECT_EQ(readFile(history), "'fir' .. 'st'\n'sec' .. 'ond'\nexit\n'thi' .. 'rd'\n");
+    Terminal next("--speed 10");
+    next.expect("> ");
+    next.enter("\x10\x10\x10", {"= second"});
+}
+
+TEST_F(PromptTest, JsonLeavesNothingElseOnStandardOutput)
+{
+    const fs::path out = directory() / "objects";
+    Terminal terminal("--json --interactive --speed 100 >'" + out.string() + "'");
+    terminal.expect("> ");
+    terminal.enter("icib.register{service=2}", {"= 0"});
+    terminal.enter("icib.add{service=1, fwd=10, stamp=100}", {"= 0 proceed"});
+    terminal.enter("nosuch()", {"attempt to call a nil value"});
+    terminal.enter("on.notify(2, function() print('to' .. 'ld') show.entries{} end)", {"> "});
+    terminal.enter("icib.add{service=2, fwd=20, stamp=200}", {"= 4 wait", "] told"});
+    terminal.enter("help on", {"on.notify("});
+    terminal.enter("exit", {});
+    EXPECT_EQ(terminal.exitStatus(), 0);
+    EXPECT_EQ(linesOf(readFile(out)).size(), 1U);
+    EXPECT_TRUE(Json::accept(readFile(out))) << readFile(out);
 }
 
 TEST_F(Host, StandardInputIsTheScriptOrThePrompt)
@@ -167,6 +261,9 @@ TEST_F(Host, StandardInputIsTheScriptOrThePrompt)
     EXPECT_EQ(prompt.status, 0);
     expectLines(prompt.out, {"\\] 42\n", "prompt:1: attempt to call a nil value", "\\] on\n"});
     EXPECT_EQ(prompt.err, "");
+    std::ofstream(directory() / "in") << "'a\\0b'\n{['a\\0b']=1}\n";
+    EXPECT_THAT(play("--interactive" + in).out,
+                HasSubstr(std::string("= a\0b\n= {[\"a\\x00b\"]=1}", 22)));
 
     const fs::path pipe = directory() / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
@@ -341,13 +438,17 @@ TEST_F(Host, ShowSpeaksJsonWithDocumentedKeys)
         icib.update{service=2, fwd=20, stamp=5, port=3, outvlan=7, data='a\0\xff'}
         engine.set{table='lem', used=4096} alarm.check{type='lem'} alarm.check{type='lem'}
         vlan.assign{direction='egress', service=3, format=2, outer_tag=2}
-        show.entries() show.waiters() show.alarms{changes=true, table='lem'} show.vlan()
+        ipat.add{service=4, fwd=1, stamp=1, unit=1, port=1}
+        ipat.add{service=4, fwd=2, stamp=2, unit=1, port=1}
+        expect({#show.entries{}, #show.waiters{}}, {2, 2})
+        expect({#show.entries{table='ipat'}, #show.waiters{table='ipat'}}, {1, 1})
+        expect({#show.alarms{table='lem'}, #show.log{last=3}}, {1, 3})
+        show.entries{table='icib'} show.waiters{table='icib'} show.alarms{changes=true, table='lem'} show.vlan()
         show.engine() show.services() show.memory() show.log{level='error', last=2}
-        show.memory{json=false}
-        expect(#show.entries(), 1))",
+        show.memory{json=false})",
                                    "--json");
     EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_THAT(run.err, HasSubstr("scenario passed: 1 expectations\n"));
+    EXPECT_THAT(run.err, HasSubstr("scenario passed: 3 expectations\n"));
     const std::string manual = readFile(MANUAL);
     std::map<std::string, Json> last; // by function
     std::size_t objects = 0;
