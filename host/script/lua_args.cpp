@@ -503,8 +503,8 @@ static Values readArguments(lua_State *L, const Function &function)
     return readNamed(L, 1, function.params, who);
 }
 
-/* Runs the row; true with *results, or false with the error text on the stack. */
-static bool runFunction(lua_State *L, int *results)
+/* Runs the row. */
+static int runFunction(lua_State *L)
 {
     const auto &function = *static_cast<const Function *>(lua_touserdata(L, lua_upvalueindex(1)));
     Host &host = *static_cast<Host *>(lua_touserdata(L, lua_upvalueindex(2)));
@@ -517,23 +517,16 @@ static bool runFunction(lua_State *L, int *results)
         Scenario::Running running(host.scenario, L);
         running.deliver();
         Call call{L, host, args};
-        *results = function.body(call);
+        const int results = function.body(call);
         running.finish();
-        return true;
+        return results;
     } catch (const HandlerError &error) {
         complaint = error.what();
     } catch (const std::exception &error) {
         complaint = where(L) + error.what();
     }
     lua_pushlstring(L, complaint.data(), complaint.size());
-    return false;
-}
-
-/* Nothing with a destructor lives here: lua_error leaves with a jump. */
-static int trampoline(lua_State *L)
-{
-    int results = 0;
-    return runFunction(L, &results) ? results : lua_error(L);
+    return lua_error(L);
 }
 
 void defineFunctions(lua_State *L, Host &host, const std::vector<Function> &functions)
@@ -557,7 +550,7 @@ void defineFunctions(lua_State *L, Host &host, const std::vector<Function> &func
         }
         lua_pushlightuserdata(L, const_cast<Function *>(&function));
         lua_pushlightuserdata(L, &host);
-        lua_pushcclosure(L, trampoline, 2);
+        lua_pushcclosure(L, runFunction, 2);
         setTop(L, function.name);
         lua_pop(L, 1);
     }

@@ -11,10 +11,9 @@
  *
  * Before a body runs every argument was checked: unknown or missing field, wrong type, value out of
  * its C type's range end the script with one line. So a body reads values and never reports about
- * them, and nothing half-built reaches the module. A body fails by throwing ScriptError; it never
- * calls a Lua function that can raise an error (lua_call, luaL_check*, lua_getfield, lua_error...),
- * because the interpreter is plain C and would jump over C++ destructors: raw access and lua_pcall
- * only.
+ * them, and nothing half-built reaches the module. A body fails by throwing ScriptError. An error
+ * that Lua raises is an exception, too (the interpreter is its C++ build), of no type to be caught by;
+ * it must not meet the module's frames, which know none: a handler runs in a protectedCall.
  */
 #ifndef HOST_LUA_ARGS_H
 #define HOST_LUA_ARGS_H
