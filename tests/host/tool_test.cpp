@@ -102,6 +102,9 @@ public:
     /* As a shell has it: a signal's number and 128. */
     int exitStatus()
     {
+        if (testing::Test::HasFatalFailure()) {
+            kill(child_, SIGKILL);
+        }
         while (readSome()) {
         }
         int status = 0;
