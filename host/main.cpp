@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iostream>
 #include <optional>
+#include <set>
 #include <sstream>
 
 #include "assembly.h"
@@ -133,13 +134,6 @@ static Options parseOptions(int argc, char **argv)
         addOptions(app, options);
         CLI::Option *replay =
             app.add_option("--replay", options.replay, "Play a record instead, and compare");
-        // What was played is in the record.
-        for (CLI::Option *option : app.get_options()) {
-            const std::string name = option->get_name();
-            if (option != replay && name != "--module" && name != "--help" && name != "--manual") {
-                replay->excludes(option);
-            }
-        }
         app.add_flag("--partial", options.partial, "The record to replay was cut off")
             ->needs(replay);
         try {
@@ -147,6 +141,14 @@ static Options parseOptions(int argc, char **argv)
         } catch (const CLI::CallForHelp &) {
             std::cout << app.help();
             throw CLI::Success();
+        }
+        // What was played is in the record. Said here, for the help would repeat it at each option.
+        const std::set<std::string> goWithReplay = {"--replay", "--partial", "--module"};
+        for (const CLI::Option *option : app.get_options()) {
+            const std::string name = option->get_name();
+            if (replay->count() != 0 && option->count() != 0 && !goWithReplay.contains(name)) {
+                throw CLI::ExcludesError(name, "--replay");
+            }
         }
     };
     // The command line comes first to find the script, and last to have the last word.
